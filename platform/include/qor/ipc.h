@@ -49,9 +49,25 @@ bool qorIpcBuildHeader(qor::MutByteView msg, uint32_t length, uint32_t type, uin
 int qorIpcSetSourceHeader(qor::MutByteView msg, uint32_t length, uint32_t type,
                           int dstApplication, int dstInstance, int dstKind);
 
-// Queues. A queue handle (>= 0) or -1.
+// Queues. A queue handle (>= 0) or -1. Key_getReqQueue of a task key binds
+// the request queue of the task's process; of a queue handle, returns it.
 int Key_getReqQueue(int key);
 int Key_getSocketFd(int queue);
 // Sends `length` bytes to the queue named by the message's destination word.
 // 0, or -1 (no such queue, message too long, send failure).
 int qorIpcSend(int queue, const void* msg, uint32_t length, int flags);
+
+// Receives one message into buf (at most bufLen bytes); the byte count, or -1.
+// The sender's socket is remembered, per queue, for qorIpcReply. The message
+// is never longer than what arrived, whatever its length word says.
+int qorIpcRecv(int queue, void* buf, uint32_t bufLen, int flags, int a5, int a6);
+// Sends `length` bytes of msg back to the sender of the last message received
+// on `queue`. 0, -1 (send failed) or -2 (no sender to answer).
+int qorIpcReply(int queue, const void* msg, uint32_t length);
+// Sends msg to its destination and waits for the answer, which overwrites msg
+// (at most `length` bytes). The wait is bounded: waitTicks ticks (0 = 100).
+// 0 answered, -1 send failed, -2 no answer in time.
+int qorIpcSendWait(int queue, void* msg, uint32_t length, int waitTicks, uint32_t type, int flags);
+// Sends to the request queue of an application without a bound queue of the
+// caller's own (command-line tools): the answer comes back to a private socket.
+int qorIpcRequest(int dstApplication, int dstInstance, void* msg, uint32_t length, int waitTicks);

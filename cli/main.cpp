@@ -1,0 +1,2 @@
+// main.cpp -- placeholder until dhcpv6-cli lands.
+int main() { return 1; }
