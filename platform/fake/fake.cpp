@@ -3,6 +3,9 @@
 
 #include <mutex>
 
+#include "fake_state.h"
+#include "qor/ipc.h"
+
 namespace qorfake {
 namespace {
 struct State {
@@ -10,6 +13,7 @@ struct State {
     std::vector<Call> calls;
     std::map<std::string, std::deque<int64_t>> next;
     std::map<std::string, int64_t> fixed;
+    std::map<std::string, std::deque<std::vector<uint8_t>>> answers;
 };
 State& state() {
     static State s;
@@ -37,11 +41,37 @@ void setResult(const std::string& name, int64_t result) {
     state().fixed[name] = result;
 }
 
-void reset() {
+void setNextAnswer(const std::string& name, std::vector<uint8_t> bytes) {
     std::lock_guard lock(state().mu);
-    state().calls.clear();
-    state().next.clear();
-    state().fixed.clear();
+    state().answers[name].push_back(std::move(bytes));
+}
+
+bool takeAnswer(const std::string& name, std::vector<uint8_t>& out) {
+    std::lock_guard lock(state().mu);
+    auto it = state().answers.find(name);
+    if (it == state().answers.end() || it->second.empty()) return false;
+    out = std::move(it->second.front());
+    it->second.pop_front();
+    return true;
+}
+
+std::vector<uint8_t> copyBytes(const void* p, size_t length) {
+    if (p == nullptr || length > QOR_IPC_MAX_MSG) return {};
+    const auto* b = static_cast<const uint8_t*>(p);
+    return std::vector<uint8_t>(b, b + length);
+}
+
+void reset() {
+    {
+        std::lock_guard lock(state().mu);
+        state().calls.clear();
+        state().next.clear();
+        state().fixed.clear();
+        state().answers.clear();
+    }
+    resetIpcState();
+    resetSwpState();
+    resetClientState();
 }
 
 int64_t record(const std::string& name, std::vector<int64_t> ints, std::vector<uint8_t> bytes,

@@ -19,12 +19,18 @@ constexpr uint32_t IFM_IFTYPE_VLAN = 24;
 constexpr size_t IFM_IFNAME_LEN = 32;  // room for any name with its zero
 
 // Builds an ifIndex; 0 when a field is out of range for the type
-// (ethernet: slot 0-255, port 1-4095, sub 0-15; VLAN: id 1-4094; LAG: 1-65535).
+// (ethernet: slot 0-255, port 1-4095, sub 0-15; management: slot 0-255, port
+// 0-4095, sub 0; VLAN: id 1-4094; LAG: 1-65535). A VLAN id or LAG number is
+// given in `sub`, as the daemon calls it (ifmCreateIfIndex(24, 0, 0, vlanId)),
+// or in `port` with `sub` 0; the fields such a type does not have must be 0.
 uint32_t ifmCreateIfIndex(uint32_t type, uint32_t slot, uint32_t port, uint32_t sub);
 uint32_t ifmIfIndexToIfType(uint32_t ifIndex);
-uint32_t ifmIfIndexToSlotId(uint32_t ifIndex);
-uint32_t ifmIfIndexToPortId(uint32_t ifIndex);
+uint32_t ifmIfIndexToSlotId(uint32_t ifIndex);  // ethernet and management; else 0
+uint32_t ifmIfIndexToPortId(uint32_t ifIndex);  // ethernet and management; else 0
+uint32_t ifmIfIndexToSubPortId(uint32_t ifIndex);  // ethernet; else 0
 uint32_t ifmIfIndexToVlanId(uint32_t ifIndex);  // 0 unless a VLAN interface
+// The number of a logical interface: a port-channel's number, a VLAN's id; else 0.
+uint32_t ifmIfIndexToIfNum(uint32_t ifIndex);
 // Writes the name into out (at least IFM_IFNAME_LEN bytes); returns out.
 // An ifIndex of no known type gives "unknown 0x%08x".
 char* ifmIfIndexToName(uint32_t ifIndex, char* out);

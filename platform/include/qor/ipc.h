@@ -59,10 +59,13 @@ int qorIpcSend(int queue, const void* msg, uint32_t length, int flags);
 
 // Receives one message into buf (at most bufLen bytes); the byte count, or -1.
 // The sender's socket is remembered, per queue, for qorIpcReply. The message
-// is never longer than what arrived, whatever its length word says.
+// is never longer than what arrived, whatever its length word says. Waits for
+// a message unless flags has QOR_IPC_NOWAIT (then -1 at once when none waits).
+constexpr int QOR_IPC_NOWAIT = 0x1;
 int qorIpcRecv(int queue, void* buf, uint32_t bufLen, int flags, int a5, int a6);
 // Sends `length` bytes of msg back to the sender of the last message received
-// on `queue`. 0, -1 (send failed) or -2 (no sender to answer).
+// on `queue`. 0, -1 (send failed) or -2 (no sender to answer). When msg is the
+// buffer that message was received into, at most that buffer's size is sent.
 int qorIpcReply(int queue, const void* msg, uint32_t length);
 // Sends msg to its destination and waits for the answer, which overwrites msg
 // (at most `length` bytes). The wait is bounded: waitTicks ticks (0 = 100).
@@ -71,3 +74,9 @@ int qorIpcSendWait(int queue, void* msg, uint32_t length, int waitTicks, uint32_
 // Sends to the request queue of an application without a bound queue of the
 // caller's own (command-line tools): the answer comes back to a private socket.
 int qorIpcRequest(int dstApplication, int dstInstance, void* msg, uint32_t length, int waitTicks);
+
+// The queue identifier a handle is bound to; 0 for a bad handle.
+uint32_t qorIpcQueueId(int queue);
+// True when some process has bound the queue and reads it (the SWP layer
+// creates a queue to a peer only once the peer is there).
+bool qorIpcQueueReachable(uint32_t queueId);

@@ -1,8 +1,22 @@
 // qor/mrtm.h -- the multicast route table manager's client library.
+//
+// On Linux MRTM is a chassis service (application QOR_APP_MRTM, qor/chassis.h).
+// Registration is a synchronous request answered in the caller's buffer;
+// index requests and responses travel over SWP.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+
+// Registration request (MT_MRTM_REGISTER), 128 bytes; the answer is the
+// request with the status and client identifier filled in.
+constexpr size_t MRTM_REG_LEN = 128;
+constexpr size_t MRTM_REG_OFF_STATUS = 20;       // answer: 0 registered
+constexpr size_t MRTM_REG_OFF_CLIENT_ID = 60;    // request -1; answer: the client identifier
+constexpr size_t MRTM_REG_OFF_NAME = 80;         // client name, zero-padded
+constexpr size_t MRTM_REG_NAME_LEN = 16;
+constexpr size_t MRTM_REG_OFF_QUEUE = 96;        // the client's queue identifier (qor_getQueueId)
+constexpr size_t MRTM_REG_OFF_NAME_LENGTH = 100; // 16
 
 // Fills the IPC header of an MRTM message: type, length, and the source and
 // destination words (the daemon's identity from `templ`: service, queue,

@@ -21,7 +21,10 @@
 // 0 is the sequence number (from 1) and whose word at byte 4 is the sender's
 // SWP queue identifier; an acknowledgement is a 64-byte IPC message of type
 // MT_SWP_ACK with the acknowledged sequence number at byte 0 and the SWP
-// queue identifier being acknowledged at byte 4.
+// queue identifier being acknowledged at byte 4. The SWP layer addresses
+// every message it sends from the owner's request queue to the peer's
+// (source and destination words), so the acknowledgement always reaches the
+// owner's dispatcher; the caller's other header words are sent as they are.
 #pragma once
 
 #include <cstddef>
@@ -64,7 +67,14 @@ int qorSwpQueueCreateQs(int evtLogHandle, int maxEntries, int window, int retran
                         int dstInstance, uint32_t serviceQueueId, int reserved, uint32_t msgType,
                         SWP_MALLOC allocCb, int allocArg, SWP_FREE freeCb, SWP_ERR errCb,
                         int* outHandle, int pipeFd);
-// Queues a block of `length` bytes (its IPC header filled by the caller). 0 or -1 (full, bad queue).
+// A block of `size` bytes from the queue's allocation callback, for a
+// message to enqueue; null when the queue is unknown or the allocation fails.
+void* qorSwpAllocBlock(int queue, uint32_t size);
+// Returns a block that was not enqueued through the queue's free callback. 0 / -1.
+int qorSwpFreeBlock(int queue, void* block);
+// Queues a block of `length` bytes (its IPC header filled by the caller); the
+// queue owns it from then on. 0, or -1 (full, bad queue, bad length) and the
+// caller keeps it.
 int qorSwpEnqueue(int queue, void* block, uint32_t length);
 // Handles an MT_SWP_ACK: 0 and *outBlock = the acknowledged block (the caller
 // frees it), or -1 (unknown queue or sequence; *outBlock untouched).

@@ -42,8 +42,9 @@ int openEnd(const PipeDev& dev, int mode) {
         return fcntl(dev.writeFd, F_DUPFD_CLOEXEC, 0);
     case QOR_O_RDWR: {
         // Opening a pipe through /proc gives one descriptor for both ends.
+        // thread-self, not self: once main's thread has ended /proc/self is gone.
         char path[64];
-        std::snprintf(path, sizeof path, "/proc/self/fd/%d", dev.readFd);
+        std::snprintf(path, sizeof path, "/proc/thread-self/fd/%d", dev.readFd);
         return open(path, O_RDWR | O_CLOEXEC);
     }
     default:

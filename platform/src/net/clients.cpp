@@ -1,0 +1,166 @@
+// clients.cpp -- client libraries of the chassis services: configuration
+// store, port notices, ACL manager, RTM and MRTM registration, and the route
+// processor's role.
+#include <array>
+#include <atomic>
+#include <cstring>
+
+#include "qor/acl.h"
+#include "qor/bytes.h"
+#include "qor/cfg.h"
+#include "qor/chassis.h"
+#include "qor/ha.h"
+#include "qor/ipc.h"
+#include "qor/mrtm.h"
+#include "qor/rtm.h"
+#include "qor/swp.h"
+#include "qor/task.h"
+
+namespace {
+
+// The chassis services of a route processor run as its instance.
+int serviceInstance() { return qorPlatformInstance(); }
+// Synchronous requests wait the platform's default bound (100 ticks).
+constexpr int kDefaultWait = 0;
+
+constexpr size_t kAclMsgLen = 108;
+constexpr size_t kRtmRegLen = 132;
+constexpr size_t kRtmRegOffOwner = 80;
+constexpr size_t kRtmRegOffVrf = 84;
+constexpr size_t kRtmRegOffInstance = 88;
+constexpr size_t kRtmRegOffAf = 92;
+constexpr size_t kRtmRegOffName = 96;
+constexpr size_t kRtmRegNameLen = 32;
+constexpr size_t kRtmRegOffHandle = 128;
+
+std::atomic<bool> primaryRpm{true};
+
+// Sends a record to a service's request queue from the caller's process
+// request queue, without waiting: 0 sent, -1 otherwise.
+int sendRecord(int taskKey, uint32_t type, int dstApplication, const uint8_t* record,
+               size_t recordLen) {
+    if (record == nullptr) return -1;
+    const int queue = Key_getReqQueue(taskKey);
+    if (queue < 0) return -1;
+    std::array<uint8_t, QOR_CHASSIS_OFF_BODY + QOR_CFG_SYNC_LEN> buf{};
+    const size_t total = QOR_CHASSIS_OFF_BODY + recordLen;
+    if (total > buf.size()) return -1;
+    const qor::MutByteView msg(buf.data(), total);
+    if (qorIpcSetSourceHeader(msg, uint32_t(total), type, dstApplication, serviceInstance(),
+                              QOR_QUEUE_REQUEST) != OK ||
+        !qor::putBytes(msg, QOR_CHASSIS_OFF_BODY, record, recordLen))
+        return -1;
+    return qorIpcSend(queue, msg.data(), uint32_t(total), 0) == 0 ? 0 : -1;
+}
+
+int32_t statusOf(qor::ByteView answer) { return int32_t(qor::u32At(answer, QOR_IPC_OFF_STATUS)); }
+
+}  // namespace
+
+// ---- configuration store --------------------------------------------------------
+
+int qorCfgInsert(int taskKey, const uint8_t* record552) {
+    return sendRecord(taskKey, QOR_MT_CFG_INSERT, QOR_APP_CFGSTORE, record552, QOR_CFG_RECORD_LEN);
+}
+
+int qorCfgRemoveExact(int taskKey, const uint8_t* record552) {
+    return sendRecord(taskKey, QOR_MT_CFG_REMOVE_EXACT, QOR_APP_CFGSTORE, record552,
+                      QOR_CFG_RECORD_LEN);
+}
+
+int qorCfgRemoveNode(int taskKey, const uint8_t* record552) {
+    return sendRecord(taskKey, QOR_MT_CFG_REMOVE_NODE, QOR_APP_CFGSTORE, record552,
+                      QOR_CFG_RECORD_LEN);
+}
+
+int qorCfgSync(int taskKey, const uint8_t* sync812) {
+    return sendRecord(taskKey, QOR_MT_CFG_SYNC, QOR_APP_CFGSTORE, sync812, QOR_CFG_SYNC_LEN);
+}
+
+int qorPortCfgNotif(int taskKey, const uint8_t* notice132) {
+    if (notice132 == nullptr) return -1;
+    const int queue = Key_getReqQueue(taskKey);
+    if (queue < 0) return -1;
+    constexpr size_t kLen = QOR_CHASSIS_OFF_BODY + QOR_PORT_NOTICE_LEN;
+    std::array<uint8_t, kLen> msg{};
+    if (qorIpcSetSourceHeader(msg, kLen, QOR_MT_IFM_PORT_NOTICE, QOR_APP_IFM, serviceInstance(),
+                              QOR_QUEUE_REQUEST) != OK)
+        return -1;
+    qor::putBytes(msg, QOR_CHASSIS_OFF_BODY, notice132, QOR_PORT_NOTICE_LEN);
+    if (qorIpcSendWait(queue, msg.data(), kLen, kDefaultWait, QOR_MT_IFM_PORT_NOTICE, 0) != 0)
+        return -1;
+    return statusOf(msg);
+}
+
+// ---- ACL manager ------------------------------------------------------------------
+
+int iAclEnableSysFlowProtocolEntries(uint32_t protocol, int arg2, int arg3, int instance,
+                                     int taskKey, int arg6, int enable, int aclSwpQueue) {
+    // The block travels on the ACL queue and comes back with its
+    // acknowledgement, so it is the queue's own allocation.
+    auto* block = static_cast<uint8_t*>(qorSwpAllocBlock(aclSwpQueue, kAclMsgLen));
+    if (block == nullptr) return -1;
+    const qor::MutByteView msg(block, kAclMsgLen);
+    std::memset(block, 0, kAclMsgLen);
+    qorIpcSetSourceHeader(msg, kAclMsgLen, QOR_MT_ACL_SYS_FLOW, QOR_APP_ACL, serviceInstance(),
+                          QOR_QUEUE_REQUEST);
+    const uint32_t words[] = {protocol,         uint32_t(arg2),    uint32_t(arg3),
+                              uint32_t(instance), uint32_t(taskKey), uint32_t(arg6),
+                              uint32_t(enable)};
+    for (size_t i = 0; i < std::size(words); ++i)
+        qor::putU32(msg, QOR_CHASSIS_OFF_BODY + 4 * i, words[i]);
+    if (qorSwpEnqueue(aclSwpQueue, block, kAclMsgLen) != 0) {
+        qorSwpFreeBlock(aclSwpQueue, block);
+        return -1;
+    }
+    return 0;
+}
+
+// ---- RTM ----------------------------------------------------------------------------
+
+int qorRtmRegisterAddrFamily_vrf(int owner, int vrf, int instance, const char* name,
+                                 uint32_t* outHandle, const uint32_t* clientInfo, int af,
+                                 int /*arg8*/, int /*arg9*/) {
+    if (outHandle == nullptr || clientInfo == nullptr) return -1;
+    std::array<uint8_t, kRtmRegLen> msg{};
+    if (qorIpcSetSourceHeader(msg, kRtmRegLen, QOR_MT_RTM_REGISTER, QOR_APP_RTM, serviceInstance(),
+                              QOR_QUEUE_REQUEST) != OK)
+        return -1;
+    qor::putU32(msg, kRtmRegOffOwner, uint32_t(owner));
+    qor::putU32(msg, kRtmRegOffVrf, uint32_t(vrf));
+    qor::putU32(msg, kRtmRegOffInstance, uint32_t(instance));
+    qor::putU32(msg, kRtmRegOffAf, uint32_t(af));
+    if (name != nullptr)  // keeps a terminating zero in the field
+        qor::putBytes(msg, kRtmRegOffName, name, strnlen(name, kRtmRegNameLen - 1));
+    const int queue = int(clientInfo[1]);
+    if (qorIpcSendWait(queue, msg.data(), kRtmRegLen, kDefaultWait, QOR_MT_RTM_REGISTER, 0) != 0)
+        return -1;
+    if (const int32_t status = statusOf(msg); status != 0) return status;
+    *outHandle = qor::u32At(msg, kRtmRegOffHandle);
+    return 0;
+}
+
+// ---- MRTM ---------------------------------------------------------------------------
+
+int mrtmapiBuildIpcHdr(uint8_t* message, uint32_t type, uint32_t length, const uint32_t* templ) {
+    if (message == nullptr || templ == nullptr || length < QOR_IPC_HDR_LEN) return -1;
+    // The template names the client: service, request queue, instance.
+    const uint32_t src = qor_getQueueId(int(templ[0]), int(templ[2]), QOR_QUEUE_REQUEST);
+    const uint32_t dst = qor_getQueueId(QOR_APP_MRTM, serviceInstance(), QOR_QUEUE_REQUEST);
+    return qorIpcBuildHeader(qor::MutByteView(message, length), length, type, qor_sysGetIpAddr(),
+                             src, qor_sysGetIpAddr(), dst)
+               ? 0
+               : -1;
+}
+
+int mrtmapiIpcSendAndRecv(int queue, uint8_t* message, uint32_t length) {
+    if (message == nullptr || length < QOR_IPC_HDR_LEN) return -1;
+    const uint32_t type = qor::u32At(qor::ByteView(message, length), QOR_IPC_OFF_TYPE);
+    return qorIpcSendWait(queue, message, length, kDefaultWait, type, 0) == 0 ? 0 : -1;
+}
+
+// ---- redundancy ---------------------------------------------------------------------
+
+int qorHaIsPrimaryRpm() { return primaryRpm.load() ? 1 : 0; }
+
+void qorHaSetPrimary(bool primary) { primaryRpm.store(primary); }
