@@ -11,6 +11,7 @@ struct CliSession {
     uint32_t currentIfIndex = 0;  // set by "interface ...", cleared by "exit" / "end" / "!"
     bool json = false;            // show output as JSON
     int waitTicks = 300;          // bound of each request's wait
+    int instance = -1;            // daemon instance spoken to; -1: this process's (qorPlatformInstance)
 };
 
 // Runs one line. 0 on success, with any output appended to `out`; non-zero
