@@ -1,66 +1,97 @@
 // main.cpp -- process entry of the DHCPv6 relay manager: brings up the
-// platform, starts the timer service and waits for the daemon's work.
-#include <sys/select.h>
-#include <unistd.h>
+// platform (and, unless told otherwise, the chassis services beside it),
+// spawns the task "Dhcpv6RelayMgr" and ends its own thread.
+#include <pthread.h>
 
-#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <string>
 
-#include "Timer.h"
-#include "dhcpv6RelayEvents.h"
-#include "qor/evtlog.h"
-#include "qor/pipe.h"
+#include "Chassis.h"
+#include "dhcpv6RelayMgr.h"
+#include "qor/ha.h"
 #include "qor/task.h"
 
 namespace {
 
-constexpr int kRelayApplication = 336;
-constexpr int kTimerTaskId = 337;
-constexpr const char* kTimerPipe = "/qor/pipe/dhcpv6relayTmrPipe";
+struct MainOptions {
+    bool help = false;
+    bool standby = false;
+    bool externalChassis = false;
+    std::string hostMap;
+};
 
-void usage() {
-    std::printf("usage: dhcpv6relaymgr [--rundir DIR] [--instance N]\n");
+void usage(FILE* to) {
+    std::fprintf(to,
+                 "usage: dhcpv6relaymgr [options]\n"
+                 "  --rundir DIR          run directory (IPC queues, event log, flash); default /run/qor\n"
+                 "  --instance N          route-processor instance; default 0\n"
+                 "  --standby             start as the standby route processor (default: primary)\n"
+                 "  --host-map FILE       the Linux interfaces, VLANs, port-channels and VRFs to own\n"
+                 "  --external-chassis    do not host the chassis services (IFM, RTM, MRTM, ACL,\n"
+                 "                        configuration store); another process plays them\n"
+                 "  --help                this text\n");
+}
+
+// The platform's own options (--rundir, --instance) are read by QOR_NbsdpInit.
+bool parseOptions(int argc, char** argv, MainOptions& out) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        const bool hasValue = i + 1 < argc;
+        if (arg == "--help" || arg == "-h") {
+            out.help = true;
+        } else if (arg == "--standby") {
+            out.standby = true;
+        } else if (arg == "--external-chassis") {
+            out.externalChassis = true;
+        } else if (arg == "--host-map" && hasValue) {
+            out.hostMap = argv[++i];
+        } else if (arg == "--rundir" || arg == "--instance") {
+            if (hasValue) ++i;  // QOR_NbsdpInit judges the platform's options
+        } else {
+            std::fprintf(stderr, "dhcpv6relaymgr: unknown or incomplete option '%s'\n", argv[i]);
+            return false;
+        }
+    }
+    return true;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    for (int i = 1; i < argc; ++i)
-        if (!std::strcmp(argv[i], "--help") || !std::strcmp(argv[i], "-h")) {
-            usage();
-            return 0;
-        }
-    if (QOR_NbsdpInit(argc, argv) != 0) {
-        usage();
+    MainOptions options;
+    if (!parseOptions(argc, argv, options)) {
+        usage(stderr);
         return 2;
     }
-    qorPlatformSetIdentity(kRelayApplication, qorPlatformInstance());
-    qorEvtRegisterCodes(dhcpv6RelayEvtCodes);
-    const int log = qorEvtOpenlog("DHCPV6RELAYMGR", 3, kRelayApplication, qorPlatformInstance());
-    if (log < 0) {
-        std::fprintf(stderr, "dhcpv6relaymgr: cannot open the event log in %s\n", qorRunDir());
-        return 1;
+    if (options.help) {
+        usage(stdout);
+        return 0;
     }
-    if (qor_taskSpawnP(kTimerTaskId, 0, "DHCPV6TMRMGR", 200, 0, 16000, timerTask) < 0 ||
-        pipeDevCreate(kTimerPipe, 65536, 4) != 0) {
-        std::fprintf(stderr, "dhcpv6relaymgr: cannot start the timer service\n");
-        return 1;
+    // A platform that cannot start ends the process with status 0, on purpose.
+    if (QOR_NbsdpInit(argc, argv) != 0) exit(0);
+    qorPlatformSetIdentity(DHCPV6_RELAY_APP_ID, qorPlatformInstance());
+    qorHaSetPrimary(!options.standby);
+    if (!options.externalChassis) {
+        ChassisOptions chassis;
+        chassis.hostMapPath = options.hostMap;
+        chassis.instance = qorPlatformInstance();
+        // The services must be there before the task registers with them.
+        if (qorChassisStart(chassis) != 0) {
+            std::fprintf(stderr, "dhcpv6relaymgr: cannot start the chassis services in %s\n",
+                         qorRunDir());
+            return 1;
+        }
     }
-    const int timerPipeFd = qorOsOpen(kTimerPipe, QOR_O_RDWR, 0);
-    if (timerPipeFd < 0 || timerRegPipeFd(kRelayApplication, 0, timerPipeFd, 12288) != 0) {
-        std::fprintf(stderr, "dhcpv6relaymgr: cannot open the timer pipe\n");
-        return 1;
-    }
-    std::printf("dhcpv6relaymgr: running, run directory %s, event log %s\n", qorRunDir(),
-                qorEvtLogPath().c_str());
-    std::fflush(stdout);
-    for (;;) {
-        fd_set ready;
-        FD_ZERO(&ready);
-        FD_SET(timerPipeFd, &ready);
-        if (select(timerPipeFd + 1, &ready, nullptr, nullptr, nullptr) <= 0) continue;
-        uint32_t word = 0;
-        if (read(timerPipeFd, &word, sizeof word) > 0 && word != 0) timerIpcCallback(word);
-    }
+    // Debug lines go out as they are printed, as on the switch's console,
+    // also when standard output is a file.
+    setvbuf(stdout, nullptr, _IONBF, 0);
+    if (dhcpv6Dbg(DHCPV6_DBG_EVENT))
+        printf("DHCPv6RelayMgr : DHCPv6RelayMgr Process swpanedsuccessfully!!\r");
+    taskSpawn("Dhcpv6RelayMgr", 200, 12, 16000, dhcpv6RelayMgrMain, argc,
+              reinterpret_cast<long>(argv), 0, 0, 0, 0, 0, 0, 0, 0);
+    qorDdbInit(argv);
+    // The process lives on in its tasks.
+    pthread_exit(nullptr);
 }

@@ -1,0 +1,236 @@
+// relaymgr_fixture.h -- a relay manager brought up on the recording platform
+// stand-in, as far as its event loop would see it, and taken down again so
+// that every test starts from a clean state and ends by proving that no pool
+// block was left behind.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Timer.h"
+#include "dhcpv6RelayMgr.h"
+#include "dhcpv6RelayMsgs.h"
+#include "dhcpv6Snooping.h"
+#include "fake.h"
+#include "qor/bytes.h"
+#include "qor/cfg.h"
+#include "qor/chassis.h"
+#include "qor/evtlog.h"
+#include "qor/ha.h"
+#include "qor/ifm.h"
+#include "qor/ipc.h"
+#include "qor/l2sock.h"
+#include "qor/mem.h"
+#include "qor/pipe.h"
+#include "qor/swp.h"
+#include "qor/task.h"
+
+namespace relaytest {
+
+constexpr const char* kSwpPipe = "/qor/pipe/dhcpv6relaymgrPipe";
+constexpr const char* kTimerPipe = "/qor/pipe/dhcpv6relayTmrPipe";
+
+inline uint32_t vlanIf(uint32_t vlan) { return ifmCreateIfIndex(IFM_IFTYPE_VLAN, 0, 0, vlan); }
+inline uint32_t lagIf(uint32_t lag) { return ifmCreateIfIndex(IFM_IFTYPE_LAG, 0, 0, lag); }
+
+// A control message of `len` bytes with the type and length words set.
+inline std::vector<uint8_t> typeMsg(uint32_t type, size_t len) {
+    std::vector<uint8_t> m(len, 0);
+    qor::putU32(m, QOR_IPC_OFF_LENGTH, uint32_t(len));
+    qor::putU32(m, QOR_IPC_OFF_TYPE, type);
+    return m;
+}
+
+inline std::vector<uint8_t> cmdMsg(uint32_t command, size_t len, uint32_t type = MT_DHCPV6_CMD) {
+    auto m = typeMsg(type, len);
+    qor::putU32(m, QOR_IPC_OFF_COMMAND, command);
+    return m;
+}
+
+inline int dispatch(std::vector<uint8_t>& m) { return dhcpv6RelayProcCliCmd(dhcpv6Msg(m)); }
+
+inline std::string textAt(const std::vector<uint8_t>& b, size_t off) {
+    if (off >= b.size()) return {};
+    const char* p = reinterpret_cast<const char*>(b.data() + off);
+    return std::string(p, strnlen(p, b.size() - off));
+}
+
+inline std::string fileText(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+// Drives the hand-made tick while a registration waits a second between
+// attempts, so that nothing waits on the wall clock.
+class TickPump {
+public:
+    TickPump() : thread_([this] {
+        while (!stop_) {
+            qorTickAdvance(10);
+            std::this_thread::yield();
+        }
+    }) {}
+    ~TickPump() {
+        stop_ = true;
+        thread_.join();
+    }
+
+private:
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+class RelayFixture : public ::testing::Test {
+protected:
+    dhcpv6FdSet master{};
+    int nfds = 0;
+    std::string runDir;
+    size_t mark = 0;
+
+    void SetUp() override {
+        char tmpl[] = "/tmp/dhcpv6-unit-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        runDir = tmpl;
+        qorSetRunDir(runDir.c_str());
+        qorTickSetManual(true);
+        clearEverything();
+        qorPlatformSetIdentity(DHCPV6_RELAY_APP_ID, 0);
+        bringUp();
+        markCalls();
+    }
+
+    void TearDown() override {
+        takeDown();
+        std::string leaked;
+        for (const auto& b : qorMemLiveBlocks())
+            leaked += b.unit + ":" + std::to_string(b.line) + " (pool " +
+                      std::to_string(b.poolId) + ", " + std::to_string(b.size) + " bytes)\n";
+        EXPECT_EQ(leaked, "") << "blocks left behind";
+        EXPECT_EQ(qorMemDoubleFreeCount(), 0u);
+        clearEverything();
+        qorTickSetManual(false);
+        const int rc = std::system(("rm -rf '" + runDir + "'").c_str());
+        (void)rc;
+    }
+
+    // The state the event loop starts with: queues, pools, tables, the IFM
+    // and ACL queues. (Registrations and timers are tested on their own.)
+    virtual void bringUp() {
+        dhcpv6RelayGlobalVar.taskKey = qorTaskStartup(0, nullptr, 0, 0);
+        ASSERT_EQ(dhcpv6RelayMgrVarInit(&master, &nfds), 0);
+        ASSERT_EQ(dhcpv6RelayMgrMemInit(), 0);
+        ASSERT_EQ(dhcpv6SnoopingInit(), 0);
+        ASSERT_EQ(dhcpv6RelayTableInit(), 0);
+        ASSERT_EQ(dhcpv6CreateIfmSwpQueue(), 0);
+        ASSERT_EQ(dhcpv6CreateAclSwpQueue(), 0);
+    }
+
+    // Only calls made after this point count in since().
+    void markCalls() { mark = qorfake::calls().size(); }
+
+    std::vector<qorfake::Call> since(const std::string& name) const {
+        std::vector<qorfake::Call> out;
+        const auto& all = qorfake::calls();
+        for (size_t i = mark; i < all.size(); ++i)
+            if (all[i].name == name) out.push_back(all[i]);
+        return out;
+    }
+
+    std::vector<std::string> callNamesSince() const {
+        std::vector<std::string> out;
+        const auto& all = qorfake::calls();
+        for (size_t i = mark; i < all.size(); ++i) out.push_back(all[i].name);
+        return out;
+    }
+
+    std::vector<std::vector<uint8_t>> replies() const {
+        std::vector<std::vector<uint8_t>> out;
+        for (const auto& c : since("qorIpcReply")) out.push_back(c.bytes);
+        return out;
+    }
+
+    std::string eventLog() const { return fileText(qorEvtLogPath()); }
+
+    // The timer service as the timer task would have set it up.
+    static void startTimerService() {
+        timerTaskStartup();
+        ASSERT_EQ(timerInit(), 0);
+        if (tmrTaskSemId == nullptr) tmrTaskSemId = semBCreate(SEM_Q_FIFO, SEM_FULL);
+        timerTaskReady = 1;
+    }
+
+    // The timer task's work for `ticks` ticks.
+    static void runWheel(uint64_t ticks) {
+        for (uint64_t i = 0; i < ticks; ++i) {
+            qorTickAdvance(1);
+            timerCheck();
+        }
+    }
+
+private:
+    static void clearEverything() {
+        qorfake::reset();
+        qorMemReset();
+        qorEvtReset();
+        dhcpv6RelayGlobalVar = dhcpv6RelayGlobal{};
+        dhcpv6RelayTimert = dhcpv6RelayTimers{};
+        relayv6Head = nullptr;
+        dhcpv6_debug_flag = 0;
+        dhcpv6IsInitComplete = 0;
+        isL2McZero = 0;
+        dhcpv6RtmSeqNo = QOR_SWP_SEQ{};
+        std::memset(dhcpv6AgtTbl, 0, sizeof dhcpv6AgtTbl);
+        std::memset(dhcpv6SwAgtTbl, 0, sizeof dhcpv6SwAgtTbl);
+        pipeDevDelete(kSwpPipe);
+        pipeDevDelete(kTimerPipe);
+    }
+
+    static void takeDown() {
+        auto& g = dhcpv6RelayGlobalVar;
+        const uint32_t savedFlag = dhcpv6_debug_flag;
+        dhcpv6_debug_flag = 0;
+        g.srcIfSockFd = 0;
+        // The daemon's own deletion paths empty the helper table.
+        while (relayv6Head != nullptr) {
+            const uint32_t ifIndex = relayv6Head->ifIndex;
+            dhcpv6RelayDelIntHelper(ifIndex);
+            dhcpv6RelayDelSrcInterface(ifIndex);
+        }
+        for (int q : {g.ifmSwpQueue, g.aclSwpQueue, g.rtmSwpQueue, g.mrtmSwpQueue})
+            if (q != 0) qorSwpQueueRemove(q);
+        for (QOR_RADIX_HANDLE* t : {&g.transTbl, &g.leaseIpTbl, &g.snoopTbl}) {
+            if (*t != nullptr) qorRadixDestroy(*t);
+            *t = nullptr;
+        }
+        dhcpv6SwRbtInitDeInit(0);
+        for (timerEnt** t : {&dhcpv6RelayTimert.transTimer, &dhcpv6RelayTimert.snoopTimer}) {
+            if (*t != nullptr) timerDelete(*t);
+            *t = nullptr;
+        }
+        // Stale expiries free their blocks when they arrive.
+        if (g.timerPipeFd > 0) {
+            uint32_t w = 0;
+            while (read(g.timerPipeFd, &w, sizeof w) == ssize_t(sizeof w))
+                if (w != 0) timerIpcCallback(w);
+        }
+        timerCleanup();
+        for (int fd : {g.protoSockFd, g.outSockFd})
+            if (fd > 0) qorClose(fd);
+        dhcpv6_debug_flag = savedFlag;
+    }
+};
+
+}  // namespace relaytest

@@ -1,0 +1,491 @@
+// The control-message dispatcher as its senders see it: which messages are
+// answered and with what status, which are left unanswered, what the
+// log-level command writes into the running configuration, and the debug
+// lines an operator reads.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <ostream>
+#include <tuple>
+#include <string>
+#include <vector>
+
+#include "relaymgr_fixture.h"
+
+namespace {
+
+using namespace relaytest;
+using ::testing::internal::CaptureStdout;
+using ::testing::internal::GetCapturedStdout;
+
+constexpr uint32_t kSentinelStatus = 0x5A5A5A5A;
+constexpr uint32_t kMinusOne = 0xFFFFFFFF;
+
+class Dispatch : public RelayFixture {
+protected:
+    std::string run(std::vector<uint8_t>& m) {
+        CaptureStdout();
+        dispatch(m);
+        return GetCapturedStdout();
+    }
+};
+
+TEST_F(Dispatch, NullMessageIsRefused) {
+    EXPECT_EQ(dhcpv6RelayProcCliCmd(dhcpv6Msg()), -1);
+    EXPECT_TRUE(replies().empty());
+}
+
+TEST_F(Dispatch, FunctionEntryIsTracedUnderTheDetailBit) {
+    dhcpv6_debug_flag = DHCPV6_DBG_DETAIL;
+    auto m = typeMsg(MT_DHCPV6_TRANS_SYNC, 232);
+    EXPECT_EQ(run(m), "DHCPv6RelayMgr : Inside dhcpv6RelayProcCliCmd \r");
+}
+
+// ---- unknown types and commands --------------------------------------------------
+
+class UnknownType : public Dispatch, public ::testing::WithParamInterface<uint32_t> {};
+
+TEST_P(UnknownType, IsAnsweredWithStatusZeroSoThatNoSenderHangs) {
+    dhcpv6_debug_flag = DHCPV6_DBG_EVENT;
+    auto m = typeMsg(GetParam(), 100);
+    qor::putU32(m, QOR_IPC_OFF_STATUS, kSentinelStatus);
+    EXPECT_EQ(run(m), "Default case \r");
+    const auto r = replies();
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_EQ(r[0].size(), 100u) << "the reply is as long as the request says";
+    EXPECT_EQ(qor::u32At(r[0], QOR_IPC_OFF_STATUS), 0u);
+    EXPECT_EQ(qor::u32At(r[0], QOR_IPC_OFF_TYPE), GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(TypesWithoutHandler, UnknownType,
+                         ::testing::Values(46405u, 46406u, 0u, 403u, 2807u, 46414u, 99999u));
+
+struct UnknownCommandCase {
+    uint32_t type;
+    uint32_t command;
+};
+void PrintTo(const UnknownCommandCase& c, std::ostream* os) {
+    *os << "type " << c.type << " command " << c.command;
+}
+
+class UnknownCommand : public Dispatch, public ::testing::WithParamInterface<UnknownCommandCase> {};
+
+TEST_P(UnknownCommand, GetsNoAnswerAtAll) {
+    dhcpv6_debug_flag = DHCPV6_DBG_EVENT;
+    auto m = cmdMsg(GetParam().command, 700, GetParam().type);
+    EXPECT_EQ(run(m), "");
+    EXPECT_TRUE(replies().empty());
+    EXPECT_TRUE(callNamesSince().empty()) << "nothing else is touched either";
+}
+
+INSTANTIATE_TEST_SUITE_P(CommandsWithoutHandler, UnknownCommand,
+                         ::testing::Values(UnknownCommandCase{MT_DHCPV6_CMD, 7},
+                                           UnknownCommandCase{MT_DHCPV6_CMD, 11},
+                                           UnknownCommandCase{MT_DHCPV6_CMD_2, 7},
+                                           UnknownCommandCase{MT_DHCPV6_CMD_2, 11},
+                                           UnknownCommandCase{MT_DHCPV6_CMD, 0},
+                                           UnknownCommandCase{MT_DHCPV6_CMD, 40032},
+                                           UnknownCommandCase{MT_DHCPV6_CMD_2, 100260}));
+
+TEST_F(Dispatch, CommandMessageTooShortForItsCommandWordIsNotAnswered) {
+    auto m = typeMsg(MT_DHCPV6_CMD, QOR_IPC_OFF_COMMAND + 2);
+    dispatch(m);
+    EXPECT_TRUE(replies().empty());
+}
+
+// ---- commands that are answered ------------------------------------------------------
+
+struct AnsweredCase {
+    uint32_t command;
+    size_t length;
+    bool statusKnown;   // the status is the contract of the relay itself
+    uint32_t status;
+    const char* name;
+};
+void PrintTo(const AnsweredCase& c, std::ostream* os) { *os << c.name; }
+
+class AnsweredCommand : public Dispatch,
+                        public ::testing::WithParamInterface<std::tuple<AnsweredCase, uint32_t>> {};
+
+TEST_P(AnsweredCommand, IsAnsweredOnceWithTheRequestAndItsStatus) {
+    const auto& [c, type] = GetParam();
+    auto m = cmdMsg(c.command, c.length, type);
+    qor::putU32(m, DHCPV6_LOG_OFF_LEVEL, 6);  // a level the log-level command accepts
+    qor::putU32(m, QOR_IPC_OFF_STATUS, kSentinelStatus);
+    dispatch(m);
+    const auto r = replies();
+    ASSERT_EQ(r.size(), 1u) << c.name;
+    EXPECT_EQ(qor::u32At(r[0], QOR_IPC_OFF_TYPE), type);
+    EXPECT_EQ(qor::u32At(r[0], QOR_IPC_OFF_COMMAND), c.command);
+    EXPECT_NE(qor::u32At(r[0], QOR_IPC_OFF_STATUS), kSentinelStatus) << "a status was written";
+    if (c.statusKnown) {
+        EXPECT_EQ(qor::u32At(r[0], QOR_IPC_OFF_STATUS), c.status) << c.name;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryAnsweredRow, AnsweredCommand,
+    ::testing::Combine(
+        ::testing::Values(
+            AnsweredCase{DHCP_SOURCE_INTERFACE, DHCPV6_SRC_MSG_LEN, true, 0, "source interface"},
+            AnsweredCase{DHCP_IF_SOURCE_INTERFACE, DHCPV6_IFSRC_MSG_LEN, true, 0,
+                         "interface source interface"},
+            AnsweredCase{DHCP_RELAYADDR_CONFIG, DHCPV6_RLY_MSG_LEN, true, 0,
+                         "helper removal on an unconfigured interface"},
+            AnsweredCase{DHCP_LOG_LEVEL, DHCPV6_LOG_MSG_LEN, true, 0, "log level"},
+            AnsweredCase{DHCP_SNOOP_CLEAR_BINDING, 76, true, 0, "clear bindings: none exist"},
+            AnsweredCase{DHCP_SNOOP_WRITE_DB, 76, true, 0, "write file: snooping is off"},
+            AnsweredCase{DHCP_SNOOP_LOAD_DB, 76, true, kMinusOne, "load file: snooping is off"},
+            AnsweredCase{DHCP_SNOOP_CONFIG, 436, false, 0, "snooping configuration"},
+            AnsweredCase{DHCP_SNOOP_TRUST, 96, false, 0, "snooping trust"},
+            AnsweredCase{DHCP_SHOW_SNOOPING, 76, false, 0, "show snooping"},
+            AnsweredCase{DHCP_SHOW_TRUST, 76, false, 0, "show trust"},
+            AnsweredCase{DHCP_SHOW_SNOOP_VLANS, 76, false, 0, "show snooped VLANs"},
+            AnsweredCase{DHCP_SHOW_BINDING, 76, false, 0, "show bindings"},
+            AnsweredCase{DHCP_SHOW_BINDING_COUNT, 76, false, 0, "show binding count"}),
+        ::testing::Values(MT_DHCPV6_CMD, MT_DHCPV6_CMD_2)));
+
+struct ShortCase {
+    uint32_t command;
+    size_t needed;
+};
+
+class ShortCommand : public Dispatch, public ::testing::WithParamInterface<ShortCase> {};
+
+TEST_P(ShortCommand, OneByteShortIsRefusedWithMinusOneAndChangesNothing) {
+    auto m = cmdMsg(GetParam().command, GetParam().needed - 1);
+    qor::putU32(m, 80, 1);  // "add" / "set" where the command has an operation
+    qor::putU32(m, 84, vlanIf(10));
+    dispatch(m);
+    const auto r = replies();
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_EQ(qor::u32At(r[0], QOR_IPC_OFF_STATUS), kMinusOne);
+    EXPECT_EQ(relayv6Head, nullptr);
+    EXPECT_TRUE(since("qorCfgInsert").empty());
+    EXPECT_TRUE(since("qorPortCfgNotif").empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(BodiesShorterThanTheirFields, ShortCommand,
+                         ::testing::Values(ShortCase{DHCP_RELAYADDR_CONFIG, DHCPV6_RLY_MSG_LEN},
+                                           ShortCase{DHCP_SOURCE_INTERFACE, DHCPV6_SRC_MSG_LEN},
+                                           ShortCase{DHCP_IF_SOURCE_INTERFACE, DHCPV6_IFSRC_MSG_LEN},
+                                           ShortCase{DHCP_LOG_LEVEL, DHCPV6_LOG_MSG_LEN}));
+
+TEST_F(Dispatch, CaseLinesOfTheRelayCommandsArePrinted) {
+    dhcpv6_debug_flag = DHCPV6_DBG_EVENT;
+    auto relay = cmdMsg(DHCP_RELAYADDR_CONFIG, DHCPV6_RLY_MSG_LEN);
+    qor::putU32(relay, DHCPV6_RLY_OFF_OPERATION, 2);
+    EXPECT_EQ(run(relay), "case : DHCP_RELAYADDR_CONFIG \rHELPERv6 DELETE ENTRY \r");
+    auto level = cmdMsg(DHCP_LOG_LEVEL, DHCPV6_LOG_MSG_LEN);
+    qor::putU32(level, DHCPV6_LOG_OFF_LEVEL, 6);
+    EXPECT_EQ(run(level), "case : DHCP_LOG_LEVEL \r");
+}
+
+// ---- DHCP_LOG_LEVEL --------------------------------------------------------------------
+
+struct LevelCase {
+    uint32_t level;
+    int32_t status;
+    uint32_t mask;  // the event log's severity mask afterwards
+};
+void PrintTo(const LevelCase& c, std::ostream* os) { *os << "level " << c.level; }
+
+class LogLevel : public Dispatch, public ::testing::WithParamInterface<LevelCase> {};
+
+TEST_P(LogLevel, SetsTheSeverityMaskOrRefusesTheLevel) {
+    const LevelCase& c = GetParam();
+    dhcpv6RelayGlobalVar.debugOn = 1;  // a refused level must leave it as it is
+    auto m = cmdMsg(DHCP_LOG_LEVEL, DHCPV6_LOG_MSG_LEN);
+    qor::putU32(m, DHCPV6_LOG_OFF_DEBUG_SWITCH, 0);
+    qor::putU32(m, DHCPV6_LOG_OFF_LEVEL, c.level);
+    dispatch(m);
+    const auto r = replies();
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_EQ(int32_t(qor::u32At(r[0], QOR_IPC_OFF_STATUS)), c.status);
+    EXPECT_EQ(qorEvtGetSeverityLevel(dhcpv6RelayGlobalVar.evtLogHandle), c.mask);
+    if (c.status != 0) {
+        EXPECT_EQ(dhcpv6RelayGlobalVar.debugOn, 1);
+        EXPECT_TRUE(since("qorCfgInsert").empty());
+        EXPECT_TRUE(since("qorCfgRemoveExact").empty());
+    } else {
+        EXPECT_EQ(dhcpv6RelayGlobalVar.debugOn, 0);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Levels, LogLevel,
+                         ::testing::Values(LevelCase{0, -1, 0x7F}, LevelCase{8, -1, 0x7F},
+                                           LevelCase{23, -1, 0x7F}, LevelCase{25, -1, 0x7F},
+                                           LevelCase{0xFFFFFFFF, -1, 0x7F}, LevelCase{1, 0, 0x3},
+                                           LevelCase{6, 0, 0x7F}, LevelCase{7, 0, 0xFF},
+                                           LevelCase{24, 0, 0x1FFFFFF}));
+
+TEST_F(Dispatch, DebuggingOnLineIsRecordedAndRemoved) {
+    auto on = cmdMsg(DHCP_LOG_LEVEL, DHCPV6_LOG_MSG_LEN);
+    qor::putU32(on, DHCPV6_LOG_OFF_DEBUG_SWITCH, 1);
+    qor::putU32(on, DHCPV6_LOG_OFF_LEVEL, 24);
+    dispatch(on);
+    const auto inserts = since("qorCfgInsert");
+    ASSERT_EQ(inserts.size(), 1u);
+    const auto& rec = inserts[0].bytes;
+    ASSERT_EQ(rec.size(), QOR_CFG_RECORD_LEN);
+    EXPECT_EQ(qor::u32At(rec, 256), 366u);
+    EXPECT_EQ(qor::u32At(rec, 264), 0u) << "the line has no key";
+    EXPECT_EQ(std::vector<uint8_t>(rec.begin(), rec.begin() + 256), std::vector<uint8_t>(256, 0));
+    EXPECT_EQ(textAt(rec, 268), "DHCPv6RelayMgr: \r\n DHCPv6 debugging is on");
+    EXPECT_EQ(dhcpv6RelayGlobalVar.debugOn, 1);
+    EXPECT_EQ(qorfake::cfgLines(), std::vector<std::string>{DHCPV6_DEBUG_ON_LINE});
+
+    auto off = cmdMsg(DHCP_LOG_LEVEL, DHCPV6_LOG_MSG_LEN);
+    qor::putU32(off, DHCPV6_LOG_OFF_DEBUG_SWITCH, 2);
+    qor::putU32(off, DHCPV6_LOG_OFF_LEVEL, 6);
+    dispatch(off);
+    const auto removals = since("qorCfgRemoveExact");
+    ASSERT_EQ(removals.size(), 1u);
+    EXPECT_EQ(qor::u32At(removals[0].bytes, 256), 366u);
+    EXPECT_EQ(textAt(removals[0].bytes, 268), "");
+    EXPECT_EQ(dhcpv6RelayGlobalVar.debugOn, 0);
+    EXPECT_TRUE(qorfake::cfgLines().empty());
+}
+
+// ---- debug switches --------------------------------------------------------------------
+
+TEST_F(Dispatch, DebugFlagCommandSetsTheSwitchesAndAnswersWithThem) {
+    auto m = typeMsg(MT_DHCPV6_SET_DEBUG_FLAG, DHCPV6_DBGFLAG_MSG_LEN);
+    qor::putU32(m, DHCPV6_DBGFLAG_OFF_VALUE, DHCPV6_DBG_EVENT | DHCPV6_DBG_PKT);
+    qor::putU32(m, QOR_IPC_OFF_STATUS, kSentinelStatus);
+    dispatch(m);
+    const auto r = replies();
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_EQ(qor::u32At(r[0], QOR_IPC_OFF_STATUS), 0u);
+    EXPECT_EQ(qor::u32At(r[0], DHCPV6_DBGFLAG_OFF_CURRENT), DHCPV6_DBG_EVENT | DHCPV6_DBG_PKT);
+    auto unknown = typeMsg(46405, 80);
+    EXPECT_EQ(run(unknown), "Default case \r") << "the new switches are in force";
+}
+
+// ---- SWP acknowledgements ------------------------------------------------------------------
+
+TEST_F(Dispatch, SwpAckFreesTheAcknowledgedBlockAndNothingElse) {
+    const int q = dhcpv6RelayGlobalVar.aclSwpQueue;
+    void* first = qorSwpAllocBlock(q, 200);
+    void* second = qorSwpAllocBlock(q, 200);
+    ASSERT_NE(first, nullptr);
+    ASSERT_NE(second, nullptr);
+    ASSERT_EQ(qorSwpEnqueue(q, first, 200), 0);
+    ASSERT_EQ(qorSwpEnqueue(q, second, 200), 0);
+    ASSERT_EQ(qorMemVarLiveCount(DHCPV6_MEM_MODULE), 2u);
+    const auto pending = qorfake::swpPending(q);
+    ASSERT_EQ(pending.size(), 2u);
+
+    dhcpv6_debug_flag = DHCPV6_DBG_EVENT;
+    auto ack = qorfake::swpAck(q, pending[0].seq);
+    EXPECT_EQ(run(ack), "case : MT_SWP_ACK \r");
+    EXPECT_EQ(qorMemVarLiveCount(DHCPV6_MEM_MODULE), 1u);
+    EXPECT_EQ(qorSwpQueueDepth(q), 1);
+    EXPECT_TRUE(replies().empty()) << "an acknowledgement is not answered";
+
+    auto again = qorfake::swpAck(q, pending[0].seq);
+    dispatch(again);
+    EXPECT_EQ(qorMemVarLiveCount(DHCPV6_MEM_MODULE), 1u) << "a repeated ack frees nothing";
+    auto last = qorfake::swpAck(q, pending[1].seq);
+    dispatch(last);
+    EXPECT_EQ(qorMemVarLiveCount(DHCPV6_MEM_MODULE), 0u);
+}
+
+// ---- types handled without an answer ----------------------------------------------------------
+
+struct SilentCase {
+    uint32_t type;
+    size_t length;
+    const char* text;  // printed under the event bit
+};
+void PrintTo(const SilentCase& c, std::ostream* os) { *os << "type " << c.type; }
+
+class SilentType : public Dispatch, public ::testing::WithParamInterface<SilentCase> {};
+
+TEST_P(SilentType, IsHandledWithoutAnAnswer) {
+    dhcpv6_debug_flag = DHCPV6_DBG_EVENT;
+    auto m = typeMsg(GetParam().type, GetParam().length);
+    EXPECT_EQ(run(m), GetParam().text);
+    EXPECT_TRUE(replies().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    PeerSyncAgentsAndPeers, SilentType,
+    ::testing::Values(SilentCase{MT_DHCPV6_TRANS_SYNC, 232, "case MT_DHCPV6_TRANS_SYNC \r"},
+                      SilentCase{MT_DHCPV6_TRANS_SYNC_INIT, 232, "case MT_DHCPV6_TRANS_SYNC_INIT \r"},
+                      SilentCase{MT_DHCPV6_LEASEIP_SYNC, 240, "case MT_DHCPV6_LEASEIP_SYNC \r"},
+                      SilentCase{MT_DHCPV6_LEASEIP_SYNC_INIT, 240,
+                                 "case MT_DHCPV6_LEASEIP_SYNC_INIT \r"},
+                      SilentCase{MT_DHCPV6_SNOOP_SYNC, 124, "case MT_DHCPV6_SNOOP_SYNC \r"},
+                      SilentCase{MT_DHCPV6_SNOOP_SYNC_INIT, 124, "MT_DHCPV6_SNOOP_SYNC_INIT \r"},
+                      SilentCase{MT_DHCPV6AGT_REG_WITH_MGR, 92,
+                                 "DHCPv6RelayMgr :MT_DHCPV6AGT_REG_WITH_MGR case\r"},
+                      SilentCase{MT_DHCPV6_SNOOP_TBL_PUSH, 424, ""},
+                      SilentCase{MT_DHCPV6_SNOOP_TBL_UPDATE, 424, ""},
+                      SilentCase{MT_DHCPV6_CLIENT_REG, 100, ""},
+                      SilentCase{MT_DHCPV6_INIT_COMPLETE, 64, ""},
+                      SilentCase{MT_RTM6_CLR_ROUTE, 177, "case : MT_RTM6_CLR_ROUTE \r"},
+                      SilentCase{MT_IFM_NOTIF_MSG, 140, "case : MT_IFM_NOTIF_MSG \r"},
+                      SilentCase{MT_MRTM_MCIDX_RESP, 168, ""}));
+
+TEST_F(Dispatch, SnoopSyncInitWritesTheBindingFileBeforeThePeerPush) {
+    dhcpv6_debug_flag = DHCPV6_DBG_EVENT | DHCPV6_DBG_SNOOP;
+    auto m = typeMsg(MT_DHCPV6_SNOOP_SYNC_INIT, 124);
+    // The file step reports first (snooping is off), then the peer push.
+    EXPECT_EQ(run(m), "snooping not enabled.\rMT_DHCPV6_SNOOP_SYNC_INIT \r");
+}
+
+TEST_F(Dispatch, InitCompleteIsRememberedAndLoadsNoFileWhileSnoopingIsOff) {
+    dhcpv6_debug_flag = DHCPV6_DBG_SNOOP;
+    auto m = typeMsg(MT_DHCPV6_INIT_COMPLETE, 64);
+    EXPECT_EQ(run(m), "DHCPV6 Snooping not enabled\r");
+    EXPECT_EQ(dhcpv6IsInitComplete, 1);
+    EXPECT_TRUE(replies().empty());
+}
+
+class HaControl : public Dispatch, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(HaControl, EveryRoleChangeRegistersWithTheMrtmAgain) {
+    qorHaSetPrimary(GetParam());
+    dhcpv6_debug_flag = DHCPV6_DBG_EVENT;
+    auto m = typeMsg(MT_HA_CONTROL, 64);
+    EXPECT_EQ(run(m), "case : MT_HA_CONTROL \r");
+    EXPECT_EQ(since("mrtmapiIpcSendAndRecv").size(), 1u);
+    const int firstQueue = dhcpv6RelayGlobalVar.mrtmSwpQueue;
+    const auto requests = qorfake::swpPending(firstQueue);
+    ASSERT_EQ(requests.size(), 1u) << "a new index request";
+    EXPECT_EQ(qor::u32At(requests[0].bytes, QOR_IPC_OFF_TYPE), 15672u);
+    EXPECT_TRUE(replies().empty());
+
+    // The next role change replaces that queue and its waiting request.
+    run(m);
+    EXPECT_EQ(since("mrtmapiIpcSendAndRecv").size(), 2u);
+    EXPECT_EQ(qorSwpQueueDepth(firstQueue), -1) << "the old queue is gone";
+    EXPECT_EQ(qorfake::swpPending(dhcpv6RelayGlobalVar.mrtmSwpQueue).size(), 1u);
+    EXPECT_EQ(qorMemVarLiveCount(DHCPV6_MEM_MODULE), 1u) << "one request block, not two";
+}
+
+INSTANTIATE_TEST_SUITE_P(PrimaryAndStandby, HaControl, ::testing::Bool());
+
+TEST_F(Dispatch, EventNoticeIsAnsweredByItsHandlerBeforeTheAgentTablesChange) {
+    dhcpv6AgtTbl[3] = {3, 1, 0};
+    dhcpv6SwAgtTbl[3] = {3, 1, 0x40009};
+    auto m = typeMsg(MT_DHCPV6_EVENT_NOTIF, 72);
+    qor::putU32(m, DHCPV6_EVT_OFF_CODE, DHCPV6_EVT_AGENT_GONE);
+    qor::putU32(m, DHCPV6_EVT_OFF_SLOT, 3);
+    dispatch(m);
+    const auto r = replies();
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_EQ(r[0], m) << "the notice itself goes back, as it came";
+    const auto names = callNamesSince();
+    const auto reply = std::find(names.begin(), names.end(), "qorIpcReply");
+    const auto remove = std::find(names.begin(), names.end(), "qorSwpQueueRemove");
+    ASSERT_NE(remove, names.end());
+    EXPECT_LT(reply, remove);
+    EXPECT_EQ(since("qorSwpQueueRemove")[0].ints[0], 0x40009);
+    EXPECT_EQ(dhcpv6AgtTbl[3].inUse, 0u);
+    EXPECT_EQ(dhcpv6SwAgtTbl[3].inUse, 0u);
+}
+
+TEST_F(Dispatch, OtherEventNoticesAreOnlyAnswered) {
+    dhcpv6AgtTbl[3] = {3, 1, 0};
+    auto m = typeMsg(MT_DHCPV6_EVENT_NOTIF, 72);
+    qor::putU32(m, DHCPV6_EVT_OFF_CODE, 0x118013);
+    qor::putU32(m, DHCPV6_EVT_OFF_SLOT, 3);
+    dispatch(m);
+    EXPECT_EQ(replies().size(), 1u);
+    EXPECT_EQ(dhcpv6AgtTbl[3].inUse, 1u);
+    EXPECT_TRUE(since("qorSwpQueueRemove").empty());
+}
+
+TEST_F(Dispatch, AgentGoneForASlotOutsideTheTablesTouchesNoTable) {
+    auto m = typeMsg(MT_DHCPV6_EVENT_NOTIF, 72);
+    qor::putU32(m, DHCPV6_EVT_OFF_CODE, DHCPV6_EVT_AGENT_GONE);
+    qor::putU32(m, DHCPV6_EVT_OFF_SLOT, 0xFFFFFFFF);
+    dispatch(m);
+    EXPECT_EQ(replies().size(), 1u);
+    EXPECT_TRUE(since("qorSwpQueueRemove").empty());
+}
+
+TEST_F(Dispatch, IpAddressByMacIsAnsweredMinusOneWhileNoBindingExists) {
+    auto m = typeMsg(MT_DHCPV6_SNOOPING_STATUS, 100);
+    const uint8_t mac[6] = {0, 1, 2, 3, 4, 5};
+    std::memcpy(m.data() + 60, mac, 6);
+    std::memset(m.data() + 66, 0xEE, 16);  // stale answer bytes are cleared
+    dispatch(m);
+    const auto r = replies();
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_EQ(qor::u32At(r[0], 84), kMinusOne);
+    EXPECT_EQ(std::vector<uint8_t>(r[0].begin() + 66, r[0].begin() + 82),
+              std::vector<uint8_t>(16, 0));
+}
+
+// ---- sequence-checked messages --------------------------------------------------------------
+
+std::vector<uint8_t> ifmDeleteNotification(uint32_t ifIndex) {
+    auto m = typeMsg(MT_IFM_NOTIF_MSG, 148);
+    qor::putU32(m, 128, 1);   // one TLV
+    qor::putU16(m, 140, 2);   // IFM_TYP_DEL_IF
+    qor::putU16(m, 142, 8);   // whole TLV
+    qor::putU32(m, 144, ifIndex);
+    return m;
+}
+
+void addHelper(uint32_t ifIndex, uint8_t last) {
+    auto m = cmdMsg(DHCP_RELAYADDR_CONFIG, DHCPV6_RLY_MSG_LEN);
+    qor::putU32(m, DHCPV6_RLY_OFF_OPERATION, 1);
+    qor::putU32(m, DHCPV6_RLY_OFF_IFINDEX, ifIndex);
+    m[DHCPV6_RLY_OFF_ADDR] = 0x20;
+    m[DHCPV6_RLY_OFF_ADDR + 15] = last;
+    dispatch(m);
+}
+
+struct SeqCase {
+    int check;        // qorSwpCkSeqAndAck's answer
+    bool processed;
+};
+
+class IfmSequence : public Dispatch, public ::testing::WithParamInterface<SeqCase> {};
+
+TEST_P(IfmSequence, OnlyAnInOrderNotificationIsProcessed) {
+    addHelper(vlanIf(10), 5);
+    ASSERT_NE(relayv6Lookup(vlanIf(10)), nullptr);
+    markCalls();
+    qorfake::setNextResult("qorSwpCkSeqAndAck", GetParam().check);
+    auto m = ifmDeleteNotification(vlanIf(10));
+    dispatch(m);
+    ASSERT_EQ(since("qorSwpCkSeqAndAck").size(), 1u);
+    EXPECT_EQ(since("qorSwpCkSeqAndAck")[0].ints[0], dhcpv6RelayGlobalVar.dhcpv6RelayreqQfd);
+    EXPECT_EQ(relayv6Lookup(vlanIf(10)) == nullptr, GetParam().processed);
+    EXPECT_TRUE(replies().empty()) << "the SWP layer acknowledges, nobody answers";
+}
+
+INSTANTIATE_TEST_SUITE_P(SequenceResults, IfmSequence,
+                         ::testing::Values(SeqCase{QOR_SWP_IN_ORDER, true},
+                                           SeqCase{QOR_SWP_DUPLICATE, false},
+                                           SeqCase{QOR_SWP_OUT_OF_ORDER, false}));
+
+struct McidxSeqCase {
+    int check;
+    const char* printed;
+};
+
+class McidxSequence : public Dispatch, public ::testing::WithParamInterface<McidxSeqCase> {};
+
+TEST_P(McidxSequence, OutOfOrderIsReportedDuplicateIsSilent) {
+    dhcpv6_debug_flag = DHCPV6_DBG_EVENT | DHCPV6_DBG_MRTM;
+    qorfake::setNextResult("qorSwpCkSeqAndAck", GetParam().check);
+    auto m = typeMsg(MT_MRTM_MCIDX_RESP, 168);
+    qor::putU32(m, 152, 1);
+    qor::putU32(m, 156, 1);
+    qor::putU32(m, 160, 9);
+    EXPECT_EQ(run(m), GetParam().printed);
+    EXPECT_EQ(dhcpv6RelayGlobalVar.mcastGroupIdx, 0u) << "a dropped response grants nothing";
+}
+
+INSTANTIATE_TEST_SUITE_P(SequenceResults, McidxSequence,
+                         ::testing::Values(McidxSeqCase{QOR_SWP_DUPLICATE, ""},
+                                           McidxSeqCase{QOR_SWP_OUT_OF_ORDER, "SWP_FAILURE_SEQ \r"},
+                                           McidxSeqCase{1, "SWP_FAILURE_SEQ \r"}));
+
+}  // namespace

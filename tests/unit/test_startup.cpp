@@ -1,0 +1,649 @@
+// Start-up, registrations and the event loop as the other processes and an
+// operator see them: the exact registration requests, the retries until a
+// peer accepts, which failures end start-up, and what one pass of the loop
+// serves and in which order.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "dhcpv6RelayEvents.h"
+#include "relaymgr_fixture.h"
+
+namespace {
+
+using namespace relaytest;
+using ::testing::internal::CaptureStdout;
+using ::testing::internal::GetCapturedStdout;
+
+// Task identifier 337 is the timer task's. Held by a task that never runs
+// the wheel, the start-up's spawn of the timer task finds it taken, and the
+// tests drive the wheel themselves.
+void holdTimerTaskId() {
+    static const int held = qor_taskSpawnP(
+        DHCPV6_TIMER_TASK_ID, 0, "timer-id-holder", 200, 0, 16000,
+        [](long, long, long, long, long, long, long, long, long, long) -> long {
+            taskSuspend(0);
+            return 0;
+        });
+    (void)held;
+}
+
+// Trace lines of module 102, as an operator's console shows them.
+class TraceCapture {
+public:
+    explicit TraceCapture(uint32_t flags) {
+        qorSetModTraceFlags(QOR_TRACE_MODULE_DHCPV6, flags);
+        qorSetConsoleSink([this](const std::string& line) { lines_.push_back(line); });
+    }
+    ~TraceCapture() {
+        qorSetConsoleSink(nullptr);
+        qorSetModTraceFlags(QOR_TRACE_MODULE_DHCPV6, 0);
+    }
+    // The lines with the source line number taken out ("...: line N:..." -> "...: line #:...").
+    std::vector<std::string> lines() const {
+        std::vector<std::string> out;
+        for (std::string l : lines_) {
+            const auto at = l.find(": line ");
+            if (at != std::string::npos) {
+                const auto colon = l.find(':', at + 7);
+                if (colon != std::string::npos) l.replace(at + 7, colon - at - 7, "#");
+            }
+            out.push_back(l);
+        }
+        return out;
+    }
+
+private:
+    std::vector<std::string> lines_;
+};
+
+bool hasEvent(const std::string& log, const char* name) { return log.find(name) != std::string::npos; }
+
+// ---- registration requests ------------------------------------------------------------
+
+class Registration : public RelayFixture {};
+
+TEST_F(Registration, IfmRequestCarriesTheRelayIdentityAndTheServiceMasks) {
+    ASSERT_EQ(dhcpv6IFMRegister(), 0);
+    const auto sends = since("qorIpcSendWait");
+    ASSERT_EQ(sends.size(), 1u);
+    EXPECT_EQ(sends[0].ints,
+              (std::vector<int64_t>{dhcpv6RelayGlobalVar.ipcReqQueue, 2632, 50, 10802, 0}));
+    const auto& r = sends[0].bytes;
+    ASSERT_EQ(r.size(), 2632u);
+    EXPECT_EQ(qor::u32At(r, QOR_IPC_OFF_LENGTH), 2632u);
+    EXPECT_EQ(qor::u32At(r, QOR_IPC_OFF_TYPE), 10802u);
+    EXPECT_EQ(qor::u32At(r, QOR_IPC_OFF_SRC_ADDR), qor_sysGetIpAddr());
+    EXPECT_EQ(qor::u32At(r, QOR_IPC_OFF_SRC_QUEUE), qor_getQueueId(336, 0, 1));
+    EXPECT_EQ(qor::u32At(r, QOR_IPC_OFF_DST_QUEUE), qor_getQueueId(138, 0, 1));
+    EXPECT_EQ(qor::u32At(r, 60), 0u);
+    EXPECT_EQ(qor::u32At(r, 1952), 0u);
+    EXPECT_EQ(qor::u16At(r, 1956), 336);
+    EXPECT_EQ(qor::u16At(r, 1958), 0);
+    EXPECT_EQ(qor::u32At(r, 1960), 0u);
+    EXPECT_EQ(qor::u32At(r, 1964), qor_sysGetIpAddr());
+    EXPECT_EQ(qor::u32At(r, 1968), qor_getQueueId(336, 0, 1));
+    EXPECT_EQ(qor::u32At(r, 1976), 51u);
+    EXPECT_EQ(qor::u16At(r, 1980), 0);
+    EXPECT_EQ(qor::u32At(r, 2596), 0u);
+    EXPECT_EQ(qor::u32At(r, 2616), 0xFFFFFFFFu);
+    for (int type = 0; type <= QOR_IFM_REG_MAX_TYPE; ++type)
+        EXPECT_EQ(qor::u32At(r, QOR_IFM_REG_OFF_MASKS + 4 * size_t(type)), type == 11 ? 0x3C0000u : 0u)
+            << "service type " << type;
+}
+
+struct IfmRefusal {
+    const char* what;
+    std::function<void()> arrange;
+    int result;
+    const char* event;
+};
+void PrintTo(const IfmRefusal& c, std::ostream* os) { *os << c.what; }
+
+class IfmRefused : public Registration, public ::testing::WithParamInterface<IfmRefusal> {};
+
+TEST_P(IfmRefused, IsReportedAndReturned) {
+    GetParam().arrange();
+    EXPECT_EQ(dhcpv6IFMRegister(), GetParam().result);
+    EXPECT_TRUE(hasEvent(eventLog(), GetParam().event)) << eventLog();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Refusals, IfmRefused,
+    ::testing::Values(
+        IfmRefusal{"the IFM answers a non-zero result",
+                   [] {
+                       std::vector<uint8_t> answer(2632, 0);
+                       qor::putU32(answer, 1952, 3);
+                       qorfake::setNextAnswer("qorIpcSendWait", answer);
+                   },
+                   -1, "DHCPV6_EVT_IPC_REQUEST_FAILED"},
+        IfmRefusal{"no answer in time",
+                   [] { qorfake::setNextResult("qorIpcSendWait", -2); }, -1,
+                   "DHCPV6_EVT_IPC_REQUEST_FAILED"},
+        IfmRefusal{"the relay's own address is unknown",
+                   [] { qorfake::setNextResult("qor_tmeGetPeerIpAddrByName", -2); }, -2,
+                   "DHCPV6_EVT_PEER_ADDR_FAILED"},
+        IfmRefusal{"the IFM's address is unknown",
+                   [] {
+                       qorfake::setNextResult("qor_tmeGetPeerIpAddrByName", 0);
+                       qorfake::setNextResult("qor_tmeGetPeerIpAddrByName", 0);
+                       qorfake::setNextResult("qor_tmeGetPeerIpAddrByName", -1);
+                   },
+                   -1, "DHCPV6_EVT_PEER_ADDR_FAILED"}));
+
+TEST_F(Registration, IfmRegistrationIsRetriedEverySecondUntilAccepted) {
+    qorfake::setNextResult("qorSwpQueueCreateQs", -1);
+    qorfake::setNextResult("qorSwpQueueCreateQs", -1);
+    std::vector<uint8_t> refused(2632, 0);
+    qor::putU32(refused, 1952, 1);
+    qorfake::setNextAnswer("qorIpcSendWait", refused);
+    dhcpv6_debug_flag = DHCPV6_DBG_INIT;
+    CaptureStdout();
+    {
+        TickPump pump;
+        dhcpv6RelayMgrIFMReg();
+    }
+    EXPECT_EQ(GetCapturedStdout(),
+              "SWP Q create failed\rSWP Q create failed\r\r\n SWPQ creation success!\r"
+              "IFM reg failed!!!\rSuccess in IFM reg\r");
+    EXPECT_EQ(since("qorSwpQueueCreateQs").size(), 3u);
+    EXPECT_EQ(since("qorIpcSendWait").size(), 2u);
+}
+
+TEST_F(Registration, AclQueueIsRetriedUntilCreated) {
+    qorfake::setNextResult("qorSwpQueueCreate_p", -1);
+    dhcpv6_debug_flag = DHCPV6_DBG_INIT;
+    CaptureStdout();
+    {
+        TickPump pump;
+        dhcpv6RelayMgrAclReg();
+    }
+    EXPECT_EQ(GetCapturedStdout(), "ACL SWP Q create failed\r\r\n ACL SWPQ creation success!\r");
+    const auto creates = since("qorSwpQueueCreate_p");
+    ASSERT_EQ(creates.size(), 2u);
+    EXPECT_EQ(creates[1].ints[7], 57) << "the ACL manager";
+}
+
+struct RtmCase {
+    int failures;
+    int result;
+    size_t attempts;
+};
+
+class RtmRegistration : public Registration, public ::testing::WithParamInterface<RtmCase> {};
+
+TEST_P(RtmRegistration, IsTriedSevenTimesAtMost) {
+    for (int i = 0; i < GetParam().failures; ++i)
+        qorfake::setNextResult("qorRtmRegisterAddrFamily_vrf", 1);
+    EXPECT_EQ(dhcpv6RelayMgrRtmInit(), GetParam().result);
+    const auto regs = since("qorRtmRegisterAddrFamily_vrf");
+    ASSERT_EQ(regs.size(), GetParam().attempts);
+    const auto& g = dhcpv6RelayGlobalVar;
+    EXPECT_EQ(regs[0].ints,
+              (std::vector<int64_t>{23, 0xFFFF, g.instanceId, 2, 0, 0, 336, g.ipcReqQueue, 0}));
+    EXPECT_EQ(std::string(regs[0].bytes.begin(), regs[0].bytes.end()), "Dhcpv6RelayMgr");
+    EXPECT_EQ(since("qorSwpQueueCreate_p").size(), GetParam().result == 0 ? 1u : 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Attempts, RtmRegistration,
+                         ::testing::Values(RtmCase{0, 0, 1}, RtmCase{6, 0, 7}, RtmCase{7, -1, 7}));
+
+TEST_F(Registration, RtmQueueIsWaitedFor) {
+    qorfake::setNextResult("qorSwpQueueCreate_p", -1);
+    {
+        TickPump pump;
+        EXPECT_EQ(dhcpv6RelayMgrRtmInit(), 0);
+    }
+    const auto creates = since("qorSwpQueueCreate_p");
+    ASSERT_EQ(creates.size(), 2u);
+    const auto& g = dhcpv6RelayGlobalVar;
+    EXPECT_EQ(creates[1].ints, (std::vector<int64_t>{g.evtLogHandle, 20000, 5, 25, 336, 0,
+                                                     g.ipcReqQueue, 76, 0, 12804, 0, g.swpPipeFd}));
+}
+
+struct TrustCase {
+    uint8_t trust;
+    int refusal;  // the IFM's answer
+    int result;
+};
+
+class TrustNotice : public Registration, public ::testing::WithParamInterface<TrustCase> {};
+
+TEST_P(TrustNotice, TellsTheIfmThePortsTrustAndReportsARefusal) {
+    const uint32_t port = ifmCreateIfIndex(IFM_IFTYPE_ETHERNET, 2, 7, 0);
+    qorfake::setNextResult("qorPortCfgNotif", GetParam().refusal);
+    dhcpv6_debug_flag = DHCPV6_DBG_EVENT;
+    CaptureStdout();
+    EXPECT_EQ(dhcpv6NotifIfmSnoopTrustConfig(port, GetParam().trust), GetParam().result);
+    EXPECT_EQ(GetCapturedStdout(),
+              GetParam().result ? "DHCPv6: IFM Snoop trust config notification failed\r" : "");
+    std::vector<uint8_t> expected(132, 0);
+    qor::putU32(expected, 64, port);
+    expected[68] = GetParam().trust;
+    qor::putU32(expected, 80, 0x40);
+    ASSERT_EQ(since("qorPortCfgNotif").size(), 1u);
+    EXPECT_EQ(since("qorPortCfgNotif")[0].bytes, expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(TrustedUntrustedRefused, TrustNotice,
+                         ::testing::Values(TrustCase{1, 0, 0}, TrustCase{0, 0, 0},
+                                           TrustCase{1, 4, -1}));
+
+// ---- MRTM ----------------------------------------------------------------------------------
+
+class Mrtm : public RelayFixture {
+protected:
+    std::vector<uint8_t> response(uint32_t index, bool success = true, uint32_t count = 1,
+                                  bool release = false) {
+        auto m = typeMsg(MT_MRTM_MCIDX_RESP, 168);
+        qor::putU32(m, 140, release ? 1 : 0);
+        qor::putU32(m, 152, success ? 1 : 0);
+        qor::putU32(m, 156, count);
+        qor::putU32(m, 160, index);
+        return m;
+    }
+    std::vector<qorfake::SwpBlock> requests() const {
+        return qorfake::swpPending(dhcpv6RelayGlobalVar.mrtmSwpQueue);
+    }
+    std::string answer(std::vector<uint8_t> m) {
+        dhcpv6_debug_flag = DHCPV6_DBG_MRTM;
+        CaptureStdout();
+        dispatch(m);
+        return GetCapturedStdout();
+    }
+};
+
+TEST_F(Mrtm, RegistrationAndTheFirstIndexRequest) {
+    dhcpv6_debug_flag = DHCPV6_DBG_MRTM;
+    CaptureStdout();
+    ASSERT_EQ(dhcpv6RegWithMrtmIdx(), 0);
+    EXPECT_EQ(GetCapturedStdout(), "qorSwpEnqueue to mrtm is success\r");
+    const auto regs = since("mrtmapiIpcSendAndRecv");
+    ASSERT_EQ(regs.size(), 1u);
+    const auto& r = regs[0].bytes;
+    ASSERT_EQ(r.size(), 128u);
+    EXPECT_EQ(qor::u32At(r, QOR_IPC_OFF_TYPE), 15670u);
+    EXPECT_EQ(std::string(r.begin() + 80, r.begin() + 96), "DHCPV6 MCIDX Cln") << "cut to 16 bytes";
+    EXPECT_EQ(qor::u32At(r, 96), qor_getQueueId(336, 0, 1));
+    EXPECT_EQ(qor::u32At(r, 100), 16u);
+    EXPECT_EQ(qor::u32At(r, 60), 0xFFFFFFFFu);
+    const auto req = requests();
+    ASSERT_EQ(req.size(), 1u);
+    EXPECT_EQ(req[0].bytes.size(), 168u);
+    EXPECT_EQ(qor::u32At(req[0].bytes, QOR_IPC_OFF_TYPE), 15672u);
+    EXPECT_EQ(qor::u32At(req[0].bytes, 128), 1u) << "the client id MRTM gave";
+    EXPECT_EQ(qor::u32At(req[0].bytes, 140), 0u) << "allocate";
+    EXPECT_EQ(qor::u32At(req[0].bytes, 148), 1u) << "one index";
+}
+
+struct MrtmFailure {
+    const char* what;
+    std::function<void()> arrange;
+    const char* printed;
+};
+void PrintTo(const MrtmFailure& c, std::ostream* os) { *os << c.what; }
+
+class MrtmAttemptFails : public Mrtm, public ::testing::WithParamInterface<MrtmFailure> {};
+
+TEST_P(MrtmAttemptFails, ReturnsMinusOneWithItsReason) {
+    GetParam().arrange();
+    dhcpv6_debug_flag = DHCPV6_DBG_MRTM;
+    CaptureStdout();
+    EXPECT_EQ(dhcpv6RegWithMrtmIdx(), -1);
+    EXPECT_EQ(GetCapturedStdout(), GetParam().printed);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Steps, MrtmAttemptFails,
+    ::testing::Values(
+        MrtmFailure{"no answer", [] { qorfake::setNextResult("mrtmapiIpcSendAndRecv", -1); },
+                    "Register with mrtm failed \r"},
+        MrtmFailure{"refused",
+                    [] {
+                        std::vector<uint8_t> a(128, 0);
+                        qor::putU32(a, 20, 1);
+                        qorfake::setNextAnswer("mrtmapiIpcSendAndRecv", a);
+                    },
+                    "Status is not set to success\r"},
+        MrtmFailure{"no queue", [] { qorfake::setNextResult("qorSwpQueueCreate_p", -1); },
+                    "Mrtm - Swp Q creation failed \r"},
+        MrtmFailure{"no memory", [] { qorMemFailNextAlloc(DHCPV6_MEM_MODULE); }, "Alloc failed \r"},
+        MrtmFailure{"queue refuses the request", [] { qorfake::setNextResult("qorSwpEnqueue", -1); },
+                    "qorSwpEnqueue failed \r"}));
+
+TEST_F(Mrtm, IndexZeroIsHeldWhileASecondIsAllocatedAndThenReleased) {
+    ASSERT_EQ(dhcpv6RegWithMrtmIdx(), 0);
+    EXPECT_EQ(answer(response(0)),
+              "Got 0 as l2mc index\r\nInvalid l2mc index.. Re-registering again with mrtm \r");
+    ASSERT_EQ(requests().size(), 2u);
+    EXPECT_EQ(qor::u32At(requests()[1].bytes, 140), 0u) << "a second allocation";
+    EXPECT_EQ(isL2McZero, 1);
+
+    EXPECT_EQ(answer(response(5)),
+              "Got 5 as l2mc index\r\nInvalid l2mc index.. Re-registering again with mrtm \r");
+    ASSERT_EQ(requests().size(), 3u);
+    EXPECT_EQ(qor::u32At(requests()[2].bytes, 140), 1u) << "release";
+    EXPECT_EQ(qor::u32At(requests()[2].bytes, 160), 0u) << "of index 0";
+    EXPECT_EQ(isL2McZero, 0);
+    EXPECT_EQ(dhcpv6RelayGlobalVar.mcastGroupIdx, 5u);
+
+    EXPECT_EQ(answer(response(0, true, 1, true)), "MCIndex release success\r");
+    EXPECT_EQ(requests().size(), 3u);
+    EXPECT_EQ(dhcpv6RelayGlobalVar.mcastGroupIdx, 5u);
+}
+
+TEST_F(Mrtm, ANonZeroFirstIndexIsKept) {
+    ASSERT_EQ(dhcpv6RegWithMrtmIdx(), 0);
+    EXPECT_EQ(answer(response(9)), "Got 9 as l2mc index\r\n");
+    EXPECT_EQ(dhcpv6RelayGlobalVar.mcastGroupIdx, 9u);
+    EXPECT_EQ(requests().size(), 1u);
+}
+
+struct McidxCase {
+    const char* what;
+    bool primary;
+    bool success;
+    uint32_t count;
+    const char* printed;
+    bool failedEvent;
+};
+void PrintTo(const McidxCase& c, std::ostream* os) { *os << c.what; }
+
+class McidxIgnored : public Mrtm, public ::testing::WithParamInterface<McidxCase> {};
+
+TEST_P(McidxIgnored, GrantsNoIndex) {
+    qorHaSetPrimary(GetParam().primary);
+    EXPECT_EQ(answer(response(4, GetParam().success, GetParam().count)), GetParam().printed);
+    EXPECT_EQ(dhcpv6RelayGlobalVar.mcastGroupIdx, 0u);
+    EXPECT_EQ(hasEvent(eventLog(), "DHCPV6_EVT_MCIDX_RESP_FAILED"), GetParam().failedEvent);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Responses, McidxIgnored,
+    ::testing::Values(McidxCase{"on the standby", false, true, 1, "Secondary.. so returning \r", false},
+                      McidxCase{"failed", true, false, 1, " Response failed \r", true},
+                      McidxCase{"two indexes", true, true, 2, "Incorrect no of indexes \r", false}));
+
+// ---- start-up -----------------------------------------------------------------------------
+
+class Startup : public RelayFixture {
+protected:
+    void bringUp() override {
+        holdTimerTaskId();
+        startTimerService();
+    }
+    int startup() { return dhcpv6RelayMgrStartup(0, nullptr, &master, &nfds); }
+};
+
+TEST_F(Startup, RegistersWithEveryPeerInOrderAndStartsBothSweeps) {
+    dhcpv6_debug_flag = DHCPV6_DBG_INIT | DHCPV6_DBG_EVENT;
+    CaptureStdout();
+    ASSERT_EQ(startup(), 0);
+    const std::string out = GetCapturedStdout();
+    const auto& g = dhcpv6RelayGlobalVar;
+
+    std::vector<std::string> order;
+    for (const auto& name : callNamesSince())
+        if (name == "qorSocket" || name == "qorBind" || name == "qorSwpQueueCreateQs" ||
+            name == "qorIpcSendWait" || name == "qorSwpQueueCreate_p" ||
+            name == "mrtmapiIpcSendAndRecv" || name == "qorRtmRegisterAddrFamily_vrf")
+            order.push_back(name);
+    EXPECT_EQ(order, (std::vector<std::string>{
+                         "qorSocket", "qorBind", "qorSocket", "qorSwpQueueCreateQs",
+                         "qorIpcSendWait", "qorSwpQueueCreate_p", "mrtmapiIpcSendAndRecv",
+                         "qorSwpQueueCreate_p", "qorRtmRegisterAddrFamily_vrf",
+                         "qorSwpQueueCreate_p"}));
+
+    const auto sockets = since("qorSocket");
+    EXPECT_EQ(sockets[0].ints, (std::vector<int64_t>{36, 3, 38})) << "the DHCPv6 trap";
+    EXPECT_EQ(sockets[1].ints, (std::vector<int64_t>{36, 3, 0})) << "the output socket";
+    std::vector<uint8_t> addr(16, 0);
+    addr[0] = 16;
+    addr[1] = 36;
+    EXPECT_EQ(since("qorBind").at(0).bytes, addr);
+
+    const auto qs = since("qorSwpQueueCreateQs").at(0).ints;
+    EXPECT_EQ(qs, (std::vector<int64_t>{g.evtLogHandle, 0, 10, 25, 336, 0, g.ipcReqQueue, 138, 0,
+                                        qor_getQueueId(336, 0, 3), 0, 0, 0, g.swpPipeFd}));
+    const auto queues = since("qorSwpQueueCreate_p");
+    EXPECT_EQ(queues[0].ints, (std::vector<int64_t>{g.evtLogHandle, 0, 10, 25, 336, 0,
+                                                    g.ipcReqQueue, 57, 0, 0, 0, g.swpPipeFd}));
+    EXPECT_EQ(queues[2].ints[7], 76) << "the RTM queue comes last";
+
+    EXPECT_EQ(timerActive(dhcpv6RelayTimert.transTimer), 1);
+    EXPECT_EQ(timerActive(dhcpv6RelayTimert.snoopTimer), 1);
+    EXPECT_EQ(nfds, 2048);
+    for (int fd : {g.swpPipeFd, g.protoSockFd, g.timerPipeFd})
+        EXPECT_TRUE(dhcpv6FdIsSet(master, fd)) << "descriptor " << fd << " is watched";
+    EXPECT_FALSE(dhcpv6FdIsSet(master, g.outSockFd)) << "the output socket is not watched";
+
+    EXPECT_EQ(out.find("DHCPv6RelayMgr : Inside thread handlerdhcpv6RelayMgrMain\r"), 0u) << out;
+    EXPECT_NE(out.find("DhcpV6 Protocol Fd created successfully !! \r"), std::string::npos);
+    EXPECT_NE(out.find("DHCPv6RelayMgr : Out Socket created Successfully !!\r"), std::string::npos);
+    EXPECT_NE(out.find("Success in IFM reg\r"), std::string::npos);
+    const std::string last = "Dhcpv6RelayMgr - Init Success... \r";
+    EXPECT_EQ(out.rfind(last), out.size() - last.size()) << out;
+}
+
+TEST_F(Startup, OutputSocketFailureLeavesTheDaemonRunningWithoutOne) {
+    qorfake::setNextResult("qorSocket", -2);  // the protocol socket as usual
+    qorfake::setNextResult("qorSocket", -1);
+    EXPECT_EQ(startup(), 0);
+    EXPECT_EQ(dhcpv6RelayGlobalVar.outSockFd, -1);
+    EXPECT_TRUE(hasEvent(eventLog(), "DHCPV6_EVT_SOCKET_CREATE_FAILED"));
+}
+
+struct StartupFailure {
+    const char* what;
+    std::function<void()> arrange;
+    std::vector<std::string> traces;
+    const char* event;  // may be null
+};
+void PrintTo(const StartupFailure& c, std::ostream* os) { *os << c.what; }
+
+class StartupFails : public Startup, public ::testing::WithParamInterface<StartupFailure> {};
+
+TEST_P(StartupFails, EndsTheTaskWithATrace) {
+    GetParam().arrange();
+    TraceCapture traces(DHCPV6_TRACE_INIT);
+    EXPECT_EQ(startup(), -1);
+    EXPECT_EQ(traces.lines(), GetParam().traces);
+    if (GetParam().event) {
+        EXPECT_TRUE(hasEvent(eventLog(), GetParam().event)) << eventLog();
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Steps, StartupFails,
+    ::testing::Values(
+        StartupFailure{"no request queue", [] { qorfake::setNextResult("Key_getReqQueue", -1); },
+                       {"dhcpv6RelayMgrVarInit: line #:qorIpcTmrOpen failed",
+                        "dhcpv6RelayMgrMain: line #:dhcpv6RelayMgrVarInit failed "},
+                       nullptr},
+        StartupFailure{"no SWP pipe", [] { qorfake::setNextResult("qorSwpCreatePipe", -1); },
+                       {"dhcpv6RelayMgrVarInit: line #:qorSwpCreatePipe failed",
+                        "dhcpv6RelayMgrMain: line #:dhcpv6RelayMgrVarInit failed "},
+                       nullptr},
+        StartupFailure{"timer pipe taken", [] { pipeDevCreate(kTimerPipe, 4, 4); },
+                       {"dhcpv6RelayMgrMain: line #:dhcpv6RelayMgrTimerInit failed "},
+                       "DHCPV6_EVT_TMR_PIPE_FAILED"},
+        StartupFailure{"no protocol socket", [] { qorfake::setNextResult("qorSocket", -1); },
+                       {"dhcpv6RelayMgrMain: line #:dhcpv6RelayMgrProtoSockInit failed "},
+                       "DHCPV6_EVT_SOCKET_CREATE_FAILED"},
+        StartupFailure{"protocol socket not bound", [] { qorfake::setNextResult("qorBind", -1); },
+                       {"dhcpv6RelayMgrMain: line #:dhcpv6RelayMgrProtoSockInit failed "},
+                       "DHCPV6_EVT_SOCKET_BIND_FAILED"},
+        StartupFailure{"memory partitions taken",
+                       [] { qor_memPartFixedInit(DHCPV6_MEM_MODULE, DHCPV6_LAST_POOL, 0); },
+                       {"dhcpv6RelayMgrMain: line #:dhcpv6RelayMgrMemInit falied"}, nullptr},
+        StartupFailure{"no transaction pool",
+                       [] { qorMemFailNextAlloc(DHCPV6_TRANS_POOL); },
+                       {"dhcpv6RelayMgrMain: line #:dhcpv6RelayTransactionTableInit failed "},
+                       nullptr},
+        StartupFailure{"RTM never accepts",
+                       [] { qorfake::setResult("qorRtmRegisterAddrFamily_vrf", 1); },
+                       {"dhcpv6RelayMgrMain: line #:dhcpv6RelayMgrRtmInit failed "}, nullptr}));
+
+TEST_F(Startup, UnboundProtocolSocketIsClosed) {
+    qorfake::setNextResult("qorBind", -1);
+    EXPECT_EQ(startup(), -1);
+    const auto sockets = since("qorSocket");
+    ASSERT_EQ(sockets.size(), 1u);
+    const auto closes = since("qorClose");
+    ASSERT_EQ(closes.size(), 1u);
+    EXPECT_EQ(closes[0].ints[0], since("qorBind").at(0).ints[0]);
+    EXPECT_EQ(dhcpv6RelayGlobalVar.protoSockFd, 0);
+}
+
+TEST_F(Startup, StartupFailureTracesOnlyWhenTheTraceBitIsSet) {
+    qorfake::setNextResult("qorSocket", -1);
+    TraceCapture traces(DHCPV6_TRACE_RECV);
+    EXPECT_EQ(startup(), -1);
+    EXPECT_TRUE(traces.lines().empty());
+}
+
+// ---- the event loop --------------------------------------------------------------------------
+
+class Loop : public Startup {
+protected:
+    int reqPipe[2] = {-1, -1};
+    int protoPipe[2] = {-1, -1};
+
+    void bringUp() override {
+        Startup::bringUp();
+        ASSERT_EQ(pipe(reqPipe), 0);
+        ASSERT_EQ(pipe(protoPipe), 0);
+        // The request queue's socket and the protocol socket are pipes the
+        // test makes readable by hand.
+        qorfake::setResult("Key_getSocketFd", reqPipe[0]);
+        qorfake::setNextResult("qorSocket", protoPipe[0]);
+        ASSERT_EQ(startup(), 0);
+        dhcpv6RelayGlobalVar.protoSockFd = protoPipe[0];
+    }
+    void TearDown() override {
+        dhcpv6RelayGlobalVar.protoSockFd = 0;
+        Startup::TearDown();
+        for (int fd : {reqPipe[0], reqPipe[1], protoPipe[0], protoPipe[1]}) close(fd);
+    }
+    static void poke(int fd) { ASSERT_EQ(write(fd, "x", 1), 1); }
+    static void drain(int fd) {
+        char c;
+        ASSERT_EQ(read(fd, &c, 1), 1);
+    }
+    void pass() { dhcpv6RelayMgrLoopPass(master, nfds); }
+    size_t firstCall(const std::string& name) const {
+        const auto names = callNamesSince();
+        return size_t(std::find(names.begin(), names.end(), name) - names.begin());
+    }
+    int waitingInTimerPipe() const {
+        int n = -1;
+        EXPECT_EQ(qorIoctl(dhcpv6RelayGlobalVar.timerPipeFd, FIONMSGS, reinterpret_cast<long>(&n)), OK);
+        return n;
+    }
+};
+
+std::vector<uint8_t> frame(uint32_t logical, uint32_t phys, uint32_t recv, size_t len) {
+    std::vector<uint8_t> f(12 + len, 0xAB);
+    qor::putU32(f, 0, logical);
+    qor::putU32(f, 4, phys);
+    qor::putU32(f, 8, recv);
+    return f;
+}
+
+TEST_F(Loop, IpcMessageAndPacketReadyTogetherAreBothServedIpcFirst) {
+    markCalls();
+    qorfake::queueIncoming(typeMsg(46405, 80));
+    poke(reqPipe[1]);
+    const uint32_t port = ifmCreateIfIndex(IFM_IFTYPE_ETHERNET, 1, 2, 0);
+    qorfake::setNextAnswer("qorRecvfrom4", frame(vlanIf(10), port, port, 60));
+    poke(protoPipe[1]);
+    dhcpv6_debug_flag = DHCPV6_DBG_EVENT;
+    CaptureStdout();
+    pass();
+    const std::string out = GetCapturedStdout();
+    EXPECT_EQ(out,
+              "DHCPv6RelayMgr : dhcpv6RelayreqQfd SetReceived IPC message \rDefault case \r"
+              "DHCPv6RelayMgr : Recieved packet on protocol fd [logInt = vlan 10,  phyInt = "
+              "ethernet 1/2, recvInt = ethernet 1/2 ] bytes 60\r\n");
+    EXPECT_EQ(replies().size(), 1u);
+    EXPECT_LT(firstCall("qorIpcRecv"), firstCall("qorRecvfrom4"));
+    const auto recv = since("qorIpcRecv").at(0).ints;
+    EXPECT_EQ(recv, (std::vector<int64_t>{dhcpv6RelayGlobalVar.dhcpv6RelayreqQfd, 8192, 0}));
+    EXPECT_EQ(since("qorRecvfrom4").at(0).ints, (std::vector<int64_t>{protoPipe[0], 12000, 0}));
+    drain(reqPipe[0]);
+    drain(protoPipe[0]);
+}
+
+TEST_F(Loop, FailedPacketReceiveLeavesTheSwpPipeToTheNextPass) {
+    const uint32_t word = 1;
+    ASSERT_EQ(write(dhcpv6RelayGlobalVar.swpPipeFd, &word, sizeof word), 4);
+    poke(protoPipe[1]);
+    markCalls();
+    pass();
+    EXPECT_EQ(since("qorRecvfrom4").size(), 1u);
+    EXPECT_TRUE(since("qorSwpReadPipe").empty());
+    char value[32];
+    snprintf(value, sizeof value, "(value %d)", protoPipe[0] & 0xFFFF);
+    const std::string log = eventLog();
+    EXPECT_TRUE(hasEvent(log, "DHCPV6_EVT_SOCKET_RECV_FAILED")) << log;
+    EXPECT_NE(log.find(value), std::string::npos) << log;
+    drain(protoPipe[0]);
+    pass();
+    EXPECT_EQ(since("qorSwpReadPipe").size(), 1u);
+    EXPECT_EQ(since("qorSwpReadPipe")[0].ints[0], dhcpv6RelayGlobalVar.swpPipeFd);
+}
+
+TEST_F(Loop, ReceiveErrorsAreTracedUnderTheReceiveBit) {
+    poke(reqPipe[1]);  // readable, but no message arrives
+    const uint32_t zero = 0;
+    ASSERT_EQ(write(dhcpv6RelayGlobalVar.timerPipeFd, &zero, sizeof zero), 4);
+    TraceCapture traces(DHCPV6_TRACE_RECV);
+    pass();
+    EXPECT_EQ(traces.lines(),
+              std::vector<std::string>{"dhcpv6RelayMgrMain: line #:qorIpcRecv - dhcpv6RelayreqQfd Error \r\n"});
+    EXPECT_EQ(waitingInTimerPipe(), 0) << "a zero word is read and ignored in the same pass";
+    EXPECT_TRUE(replies().empty());
+    drain(reqPipe[0]);
+}
+
+TEST_F(Loop, SweepsRunOnTheLoopAndRestartThemselves) {
+    timerEnt* trans = dhcpv6RelayTimert.transTimer;
+    timerEnt* snoop = dhcpv6RelayTimert.snoopTimer;
+    runWheel(DHCPV6_TRANS_SWEEP_MSEC / 10);  // 100 ticks a second
+    EXPECT_EQ(trans->state, TIMER_STATE_EXPIRED) << "on its way to the loop";
+    EXPECT_EQ(snoop->state, TIMER_STATE_EXPIRED) << "waits for the loop to restart it";
+    ASSERT_EQ(waitingInTimerPipe(), 2);
+    pass();
+    pass();
+    EXPECT_EQ(waitingInTimerPipe(), 0);
+    EXPECT_EQ(trans->state, TIMER_STATE_ACTIVE) << "the sweep restarted itself";
+    EXPECT_EQ(snoop->state, TIMER_STATE_ACTIVE);
+    runWheel(DHCPV6_SNOOP_SWEEP_MSEC / 10);
+    EXPECT_EQ(waitingInTimerPipe(), 1) << "the binding tick comes every second";
+    pass();
+    EXPECT_EQ(snoop->state, TIMER_STATE_ACTIVE);
+    EXPECT_EQ(trans->state, TIMER_STATE_ACTIVE);
+}
+
+TEST_F(Loop, SelectErrorIsReportedAndTheLoopGoesOn) {
+    // A descriptor number that was open a moment ago and is no longer.
+    int gone[2];
+    ASSERT_EQ(pipe(gone), 0);
+    close(gone[0]);
+    close(gone[1]);
+    dhcpv6FdSet bad{};
+    dhcpv6FdAdd(bad, gone[0]);
+    TraceCapture traces(0);
+    dhcpv6RelayMgrLoopPass(bad, 2048);
+    char expected[64];
+    snprintf(expected, sizeof expected, "DHCPV6RELAYMGR select returned error: %d", EBADF);
+    EXPECT_EQ(traces.lines(), std::vector<std::string>{expected});
+}
+
+}  // namespace
