@@ -1,0 +1,227 @@
+// The real daemon started with --external-chassis: this test plays the IFM,
+// the ACL manager, the configuration store, the RTM and the MRTM on their own
+// queues, and checks every byte the daemon sends them.
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <array>
+#include <atomic>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "daemon_harness.h"
+#include "dhcpv6RelayMsgs.h"
+#include "qor/bytes.h"
+#include "qor/chassis.h"
+#include "qor/ifm.h"
+#include "qor/ipc.h"
+#include "qor/swp.h"
+#include "qor/task.h"
+
+namespace {
+
+using harness::eventually;
+using qor::u32At;
+
+struct Msg {
+    std::vector<uint8_t> bytes;
+    uint32_t type() const { return u32At(bytes, QOR_IPC_OFF_TYPE); }
+};
+
+// One chassis process played by the test: records every message and answers
+// the ones its real counterpart answers.
+class Peer {
+public:
+    explicit Peer(int app) : app_(app) {
+        queue_ = Key_getReqQueue(qorTaskStartup(0, nullptr, app, 0));
+        if (queue_ >= 0) thread_ = std::thread([this] { serve(); });
+    }
+    ~Peer() {
+        stop_ = true;
+        if (thread_.joinable()) thread_.join();
+    }
+    bool ok() const { return queue_ >= 0; }
+    std::vector<Msg> received(uint32_t type) {
+        std::lock_guard lock(mu_);
+        std::vector<Msg> out;
+        for (const auto& m : msgs_)
+            if (m.type() == type) out.push_back(m);
+        return out;
+    }
+
+private:
+    void serve() {
+        std::array<uint8_t, QOR_IPC_MAX_MSG> buf{};
+        pollfd pfd{Key_getSocketFd(queue_), POLLIN, 0};
+        while (!stop_) {
+            if (poll(&pfd, 1, 20) <= 0) continue;
+            const int n = qorIpcRecv(queue_, buf.data(), uint32_t(buf.size()), 0, 0, 0);
+            if (n <= 0) continue;
+            Msg m{std::vector<uint8_t>(buf.begin(), buf.begin() + n)};
+            answer(m);
+            std::lock_guard lock(mu_);
+            msgs_.push_back(std::move(m));
+        }
+    }
+    void answer(Msg& m) {
+        qor::MutByteView b(m.bytes);
+        switch (m.type()) {
+        case QOR_MT_IFM_REGISTER:
+            qor::putU32(b, QOR_IFM_REG_OFF_RESULT, 0);
+            qor::putU32(b, QOR_IPC_OFF_STATUS, 0);
+            qorIpcReply(queue_, m.bytes.data(), uint32_t(m.bytes.size()));
+            break;
+        case QOR_MT_IFM_PORT_NOTICE:
+        case QOR_MT_RTM_REGISTER:
+            qor::putU32(b, QOR_IPC_OFF_STATUS, 0);
+            qorIpcReply(queue_, m.bytes.data(), uint32_t(m.bytes.size()));
+            break;
+        case MT_MRTM_REGISTER:
+            qor::putU32(b, 20, 0);
+            qor::putU32(b, 60, 7);
+            qorIpcReply(queue_, m.bytes.data(), uint32_t(m.bytes.size()));
+            break;
+        default:
+            // SWP messages (ACL entries, MRTM index requests) are acknowledged.
+            if (u32At(m.bytes, QOR_SWP_OFF_SEQ) != 0 && m.type() != MT_SWP_ACK) {
+                QOR_SWP_SEQ seq{};
+                std::lock_guard lock(mu_);
+                auto& s = seqs_[app_];
+                seq = s;
+                qorSwpCkSeqAndAck(m.bytes.data(), uint32_t(m.bytes.size()), &seq, queue_);
+                s = seq;
+            }
+            break;
+        }
+    }
+
+    int app_;
+    int queue_ = -1;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+    std::mutex mu_;
+    std::vector<Msg> msgs_;
+    std::array<QOR_SWP_SEQ, 400> seqs_{};
+};
+
+class ExternalChassis : public ::testing::Test {
+protected:
+    static std::string dir;
+    static harness::Daemon* daemon;
+    static Peer *ifm, *acl, *cfg, *rtm, *mrtm;
+
+    static void SetUpTestSuite() {
+        dir = harness::makeTempDir("ext");
+        qorSetRunDir(dir.c_str());
+        qorPlatformSetIdentity(20, 0);
+        ifm = new Peer(QOR_APP_IFM);
+        acl = new Peer(QOR_APP_ACL);
+        cfg = new Peer(QOR_APP_CFGSTORE);
+        rtm = new Peer(QOR_APP_RTM);
+        mrtm = new Peer(QOR_APP_MRTM);
+        daemon = new harness::Daemon(dir);
+        daemon->start({"--external-chassis"});
+    }
+    static void TearDownTestSuite() {
+        delete daemon;
+        delete ifm;
+        delete acl;
+        delete cfg;
+        delete rtm;
+        delete mrtm;
+        harness::removeTree(dir);
+    }
+    // Sends a command as the CLI would and returns the daemon's status.
+    static int command(std::vector<uint8_t>& msg, uint32_t code) {
+        qorIpcSetSourceHeader(msg, uint32_t(msg.size()), MT_DHCPV6_CMD, QOR_APP_RELAYMGR, 0,
+                              QOR_QUEUE_REQUEST);
+        qor::putU32(msg, QOR_IPC_OFF_COMMAND, code);
+        if (qorIpcRequest(QOR_APP_RELAYMGR, 0, msg.data(), uint32_t(msg.size()), 300) != 0) return -99;
+        return int(u32At(msg, QOR_IPC_OFF_STATUS));
+    }
+};
+std::string ExternalChassis::dir;
+harness::Daemon* ExternalChassis::daemon;
+Peer *ExternalChassis::ifm, *ExternalChassis::acl, *ExternalChassis::cfg, *ExternalChassis::rtm,
+    *ExternalChassis::mrtm;
+
+TEST_F(ExternalChassis, RegistersWithTheIfmWithTheExactRequest) {
+    ASSERT_TRUE(ifm->ok() && acl->ok() && cfg->ok() && rtm->ok() && mrtm->ok());
+    ASSERT_TRUE(eventually([] { return !ifm->received(QOR_MT_IFM_REGISTER).empty(); }))
+        << "no IFM registration; daemon output in " << dir << "/daemon.out";
+    const auto req = ifm->received(QOR_MT_IFM_REGISTER).front().bytes;
+    ASSERT_EQ(req.size(), QOR_IFM_REG_LEN);
+    EXPECT_EQ(u32At(req, QOR_IPC_OFF_LENGTH), QOR_IFM_REG_LEN);
+    EXPECT_EQ(qor::u16At(req, 1956), 336);
+    EXPECT_EQ(qor::u16At(req, 1958), 0);
+    EXPECT_EQ(u32At(req, 1968), qor_getQueueId(336, 0, 1));
+    EXPECT_EQ(u32At(req, 1976), 51u);
+    EXPECT_EQ(u32At(req, 2616), 0xFFFFFFFFu);
+    EXPECT_EQ(u32At(req, QOR_IFM_REG_OFF_MASKS + 4 * 11), 0x3C0000u) << "mode-change mask";
+    EXPECT_EQ(u32At(req, QOR_IFM_REG_OFF_MASKS + 4 * 3), 0u);
+}
+
+TEST_F(ExternalChassis, RegistersWithRtmAndMrtmThenServesCommands) {
+    ASSERT_TRUE(eventually([] { return !rtm->received(QOR_MT_RTM_REGISTER).empty(); }));
+    EXPECT_FALSE(mrtm->received(MT_MRTM_REGISTER).empty());
+    std::vector<uint8_t> msg(DHCPV6_LOG_MSG_LEN);
+    qor::putU32(msg, DHCPV6_LOG_OFF_DEBUG_SWITCH, 1);
+    qor::putU32(msg, DHCPV6_LOG_OFF_LEVEL, 24);
+    ASSERT_TRUE(eventually([&] {
+        std::vector<uint8_t> m = msg;
+        return command(m, DHCP_LOG_LEVEL) == 0;
+    }));
+    ASSERT_TRUE(eventually([] { return !cfg->received(QOR_MT_CFG_INSERT).empty(); }));
+    const auto rec = cfg->received(QOR_MT_CFG_INSERT).back().bytes;
+    EXPECT_EQ(u32At(rec, QOR_CHASSIS_OFF_BODY + 256), 366u);
+    EXPECT_STREQ(reinterpret_cast<const char*>(rec.data() + QOR_CHASSIS_OFF_BODY + 268),
+                 DHCPV6_DEBUG_ON_LINE);
+}
+
+TEST_F(ExternalChassis, HelperAddressSendsNoticeTrapAndConfigurationRecords) {
+    uint32_t vlan10 = 0;
+    ASSERT_EQ(ifmNameToIfIndex("vlan 10", &vlan10), 0);
+    std::vector<uint8_t> msg(DHCPV6_RLY_MSG_LEN);
+    qor::putU32(msg, DHCPV6_RLY_OFF_OPERATION, 1);
+    qor::putU32(msg, DHCPV6_RLY_OFF_IFINDEX, vlan10);
+    const uint8_t addr[16] = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5};
+    std::memcpy(msg.data() + DHCPV6_RLY_OFF_ADDR, addr, 16);
+    ASSERT_TRUE(eventually([] { return !rtm->received(QOR_MT_RTM_REGISTER).empty(); }));
+    ASSERT_EQ(command(msg, DHCP_RELAYADDR_CONFIG), 0);
+
+    const auto notices = ifm->received(QOR_MT_IFM_PORT_NOTICE);
+    ASSERT_FALSE(notices.empty());
+    const auto& n = notices.back().bytes;
+    EXPECT_EQ(u32At(n, QOR_CHASSIS_OFF_BODY + 64), vlan10);
+    EXPECT_EQ(n[QOR_CHASSIS_OFF_BODY + 68], 0) << "becomes a relay interface";
+    EXPECT_EQ(u32At(n, QOR_CHASSIS_OFF_BODY + 76), 0x2000u);
+
+    ASSERT_TRUE(eventually([] { return !acl->received(QOR_MT_ACL_SYS_FLOW).empty(); }));
+    const auto a = acl->received(QOR_MT_ACL_SYS_FLOW).front().bytes;
+    EXPECT_EQ(u32At(a, QOR_CHASSIS_OFF_BODY), 30u);
+    EXPECT_EQ(u32At(a, QOR_CHASSIS_OFF_BODY + 24), 1u);
+
+    ASSERT_TRUE(eventually([] { return !cfg->received(QOR_MT_CFG_SYNC).empty(); }));
+    Msg helperLine;
+    for (const auto& m : cfg->received(QOR_MT_CFG_INSERT))
+        if (u32At(m.bytes, QOR_CHASSIS_OFF_BODY + 256) == 119) helperLine = m;
+    ASSERT_FALSE(helperLine.bytes.empty());
+    const auto& r = helperLine.bytes;
+    const size_t body = QOR_CHASSIS_OFF_BODY;
+    const std::string text = " ipv6 helper-address 2001:db8::5";
+    EXPECT_EQ(u32At(r, body + 0), vlan10) << "key starts with the ifIndex";
+    EXPECT_EQ(qor::u16At(r, body + 4), 204);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(r.data() + body + 38)), "2001:db8::5");
+    EXPECT_EQ(u32At(r, body + 264), 38u + std::strlen("2001:db8::5"));
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(r.data() + body + 268)), text);
+    const auto s = cfg->received(QOR_MT_CFG_SYNC).back().bytes;
+    EXPECT_EQ(u32At(s, body + 0), 18u) << "a VLAN interface is not a port-channel";
+    EXPECT_EQ(u32At(s, body + 4), IFM_IFTYPE_VLAN);
+    EXPECT_EQ(u32At(s, body + 8), vlan10);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(s.data() + body + 272)), text);
+}
+
+}  // namespace
