@@ -40,8 +40,9 @@ test: test-normal test-asan fuzz-smoke
 bench: build
 	$(BUILD)/bench_micro
 
+HOSTMAP ?= examples/hostmap.ini
 run: build
-	$(BUILD)/dhcpv6relaymgr --rundir $(RUNDIR)
+	$(BUILD)/dhcpv6relaymgr --rundir $(RUNDIR) --host-map $(HOSTMAP)
 
 clean:
 	rm -rf $(BUILD) $(ASAN) $(FUZZ)

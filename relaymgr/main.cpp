@@ -3,6 +3,8 @@
 // spawns the task "Dhcpv6RelayMgr" and ends its own thread.
 #include <pthread.h>
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -57,6 +59,16 @@ bool parseOptions(int argc, char** argv, MainOptions& out) {
     return true;
 }
 
+// Once main's thread has ended, ps shows the process as <defunct> and
+// pkill -f no longer finds it by its command line: the pid file names it.
+void writePidFile() {
+    const std::string path = std::string(qorRunDir()) + "/dhcpv6relaymgr.pid";
+    if (FILE* f = std::fopen(path.c_str(), "w")) {
+        std::fprintf(f, "%d\n", int(getpid()));
+        std::fclose(f);
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -84,6 +96,7 @@ int main(int argc, char** argv) {
             return 1;
         }
     }
+    writePidFile();
     // Debug lines go out as they are printed, as on the switch's console,
     // also when standard output is a file.
     setvbuf(stdout, nullptr, _IONBF, 0);
