@@ -41,9 +41,10 @@ std::atomic<bool> primaryRpm{true};
 
 // The identifier (4 bytes) and the key bytes of a record, its line text.
 std::vector<uint8_t> cfgKey(qor::ByteView record) {
-    std::vector<uint8_t> key(record.begin() + QOR_CFG_OFF_ID, record.begin() + QOR_CFG_OFF_ID + 4);
     const size_t keyLen = std::min<size_t>(qor::u32At(record, QOR_CFG_OFF_KEYLEN), QOR_CFG_KEY_MAX);
-    key.insert(key.end(), record.begin(), record.begin() + keyLen);
+    std::vector<uint8_t> key(4 + keyLen);
+    qor::getBytes(record, QOR_CFG_OFF_ID, key.data(), 4);
+    qor::getBytes(record, QOR_CFG_OFF_KEY, key.data() + 4, keyLen);
     return key;
 }
 

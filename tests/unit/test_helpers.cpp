@@ -74,11 +74,11 @@ std::vector<uint8_t> portNotice(uint32_t ifIndex, uint8_t stops) {
 
 // The key of a helper line: ifIndex, 204, the 32-byte VRF name, the address text.
 std::vector<uint8_t> helperKey(uint32_t ifIndex, const std::string& vrf, const std::string& addr) {
-    std::vector<uint8_t> k(38, 0);
+    std::vector<uint8_t> k(38 + addr.size(), 0);
     qor::putU32(k, 0, ifIndex);
     qor::putU16(k, 4, 204);
-    std::memcpy(k.data() + 6, vrf.data(), vrf.size());
-    k.insert(k.end(), addr.begin(), addr.end());
+    qor::putBytes(k, 6, vrf.data(), vrf.size());
+    qor::putBytes(k, 38, addr.data(), addr.size());
     return k;
 }
 
