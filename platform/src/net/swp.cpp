@@ -391,17 +391,9 @@ int qorSwpCkSeqAndAck(const void* message, uint32_t length, QOR_SWP_SEQ* seq, in
 }
 
 int qorSwpQueueRemove(int queue) {
-    SWP_FREE freeCb;
-    std::deque<Block> blocks;
-    {
-        std::lock_guard lock(swp().mu);
-        SwpQueue* q = findQueue(queue);
-        if (q == nullptr) return -1;
-        freeCb = q->freeCb;
-        blocks = takeBlocks(*q);
-        swp().queues.erase(queue);
-    }
-    freeBlocks(freeCb, blocks);
+    if (qorSwpQueueFlush(queue) != 0) return -1;
+    std::lock_guard lock(swp().mu);
+    swp().queues.erase(queue);
     return 0;
 }
 
