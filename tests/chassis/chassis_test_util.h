@@ -1,6 +1,6 @@
-// chassis_test_util.h -- what the chassis tests share: a temporary run
-// directory per suite, a chassis instance per test, a queue the test plays a
-// peer on, and builders for the records peers send.
+// chassis_test_util.h -- what the chassis tests share: a run directory per
+// suite, a chassis instance per test, a queue the test plays a peer on, and
+// builders for the records peers send.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,13 +8,16 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "Chassis.h"
@@ -30,79 +33,55 @@ namespace chassistest {
 
 using Bytes = std::vector<uint8_t>;
 
-// Answers come within this many ticks or the request failed; only a hang
-// guard, never what a test measures.
-constexpr int kWaitTicks = 500;
-constexpr int kRecvGuardMs = 5000;
-
-inline std::string makeTempDir(std::string tag) {
-    // Parameterised suites are named "Prefix/Suite".
-    std::replace(tag.begin(), tag.end(), '/', '-');
-    std::string templ = (std::filesystem::temp_directory_path() / "chassis-").string() + tag + "-XXXXXX";
-    const char* made = mkdtemp(templ.data());
-    return made ? std::string(made) : std::string();
-}
-
-// Every test starts its own chassis instance: queues of earlier tests stay
-// bound to the process, so instances are never reused.
-inline int nextInstance() {
-    static int next = 1;
-    return next++;
-}
-
-inline uint32_t queueOf(int app, int instance) {
-    return qor_getQueueId(app, instance, QOR_QUEUE_REQUEST);
-}
+inline uint32_t queueOf(int app, int instance) { return qor_getQueueId(app, instance, QOR_QUEUE_REQUEST); }
 
 // A message of `length` bytes addressed from `srcQueue` to `dstQueue`.
 inline Bytes message(size_t length, uint32_t type, uint32_t srcQueue, uint32_t dstQueue) {
     Bytes m(length, 0);
-    qorIpcBuildHeader(m, uint32_t(length), type, qor_sysGetIpAddr(), srcQueue, qor_sysGetIpAddr(),
-                      dstQueue);
+    qorIpcBuildHeader(m, uint32_t(length), type, qor_sysGetIpAddr(), srcQueue, qor_sysGetIpAddr(), dstQueue);
     return m;
 }
 
-// A request answered in place (the platform's synchronous form); false when
-// no answer came.
+// Consecutive 32-bit fields from `offset` on.
+inline void putWords(Bytes& m, size_t offset, std::initializer_list<uint32_t> words) {
+    for (uint32_t w : words) qor::putU32(m, std::exchange(offset, offset + 4), w);
+}
+
 // A service's queue holds only a few datagrams (net.unix.max_dgram_qlen):
-// while a burst is being served a request may be refused (-1) and is sent
-// again; an unanswered one (-2) is not.
+// during a burst `op` may be refused (-1) and is tried again; the tries are
+// a hang guard only.
+template <typename Op>
+inline int retryRefused(Op op) {
+    int rc = -1;
+    for (int attempt = 0; attempt < 5000 && (rc = op()) == -1; ++attempt)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return rc;
+}
+
+// A request answered in place; false when no answer came.
 inline bool request(int app, int instance, Bytes& msg) {
     const Bytes sent = msg;
-    for (int attempt = 0; attempt < 5000; ++attempt) {
-        const int rc = qorIpcRequest(app, instance, msg.data(), uint32_t(msg.size()), kWaitTicks);
-        if (rc != -1) return rc == 0;
-        msg = sent;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return false;
+    return retryRefused([&] {
+               msg = sent;
+               return qorIpcRequest(app, instance, msg.data(), uint32_t(msg.size()), 500);
+           }) == 0;
 }
 
 // The queue of a peer the test plays (the relay manager, a client).
 class PeerQueue {
 public:
-    PeerQueue(int app, int instance) : app_(app), instance_(instance) {
+    PeerQueue(int app, int instance) : id_(queueOf(app, instance)) {
         queue_ = Key_getReqQueue(qorTaskStartup(0, nullptr, app, instance));
     }
     bool ok() const { return queue_ >= 0; }
-    uint32_t id() const { return queueOf(app_, instance_); }
-    int handle() const { return queue_; }
-
-    // Sends a message built by message() with this queue as its source. A
-    // receiving queue holds only a few datagrams (net.unix.max_dgram_qlen):
-    // a burst is sent again until the service has taken the earlier ones.
+    uint32_t id() const { return id_; }
     bool send(const Bytes& msg) {
-        for (int attempt = 0; attempt < 5000; ++attempt) {
-            if (qorIpcSend(queue_, msg.data(), uint32_t(msg.size()), 0) == 0) return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        return false;
+        return retryRefused([&] { return qorIpcSend(queue_, msg.data(), uint32_t(msg.size()), 0) == 0 ? 0 : -1; }) == 0;
     }
-    // The next message to arrive (none within the guard: nullopt).
+    // The next message to arrive (none within a hang guard: nullopt).
     std::optional<Bytes> recv() {
         pollfd p{Key_getSocketFd(queue_), POLLIN, 0};
-        if (poll(&p, 1, kRecvGuardMs) <= 0) return std::nullopt;
-        return take(0);
+        return poll(&p, 1, 5000) > 0 ? take(0) : std::nullopt;
     }
     // A message already waiting, without waiting.
     std::optional<Bytes> pending() { return take(QOR_IPC_NOWAIT); }
@@ -115,33 +94,34 @@ private:
         buf.resize(size_t(n));
         return buf;
     }
-    int app_;
-    int instance_;
+    uint32_t id_;
     int queue_ = -1;
 };
 
-// ---- configuration records, as the relay manager writes them ---------------------
-
-inline Bytes helperKey(uint32_t ifIndex, const std::string& vrfName, const std::string& address) {
-    Bytes key(4 + 2 + 32 + address.size(), 0);
-    qor::putU32(key, 0, ifIndex);
-    qor::putU16(key, 4, DHCPV6_CFG_KEY_HELPER);
-    qor::putBytes(key, 6, vrfName.data(), std::min<size_t>(vrfName.size(), 32));
-    qor::putBytes(key, 38, address.data(), address.size());
-    return key;
+// An IFM registration from application `app`'s queue `from`.
+inline Bytes ifmRegistration(uint16_t app, int instance, uint32_t from) {
+    Bytes m = message(QOR_IFM_REG_LEN, QOR_MT_IFM_REGISTER, from, queueOf(QOR_APP_IFM, instance));
+    qor::putU16(m, 1956, app);
+    qor::putU16(m, 1958, uint16_t(instance));
+    qor::putU32(m, 1968, from);
+    return m;
 }
 
-inline Bytes ifSourceKey(uint32_t ifIndex) {
-    Bytes key(6, 0);
+// A configuration key: ifIndex, then (when given) a sub-key, a VRF name
+// field of 32 bytes and an address.
+inline Bytes cfgKey(uint32_t ifIndex, std::optional<uint16_t> sub = std::nullopt, const std::string& vrf = "",
+                    const std::string& address = "") {
+    Bytes key(sub ? (address.empty() && vrf.empty() ? 6 : 38 + address.size()) : 4, 0);
     qor::putU32(key, 0, ifIndex);
-    qor::putU16(key, 4, DHCPV6_CFG_KEY_IF_SRC_INTF);
+    if (sub) qor::putU16(key, 4, *sub);
+    if (key.size() > 6) {
+        qor::putBytes(key, 6, vrf.data(), std::min<size_t>(vrf.size(), 32));
+        qor::putBytes(key, 38, address.data(), address.size());
+    }
     return key;
 }
-
-inline Bytes ifIndexKey(uint32_t ifIndex) {
-    Bytes key(4, 0);
-    qor::putU32(key, 0, ifIndex);
-    return key;
+inline Bytes helperKey(uint32_t ifIndex, const std::string& vrf, const std::string& address) {
+    return cfgKey(ifIndex, DHCPV6_CFG_KEY_HELPER, vrf, address);
 }
 
 // The 552-byte record; keyLen is the key's size unless given.
@@ -155,11 +135,10 @@ inline Bytes cfgRecord(uint32_t id, const Bytes& key, const std::string& line,
     return r;
 }
 
-// A configuration-store message carrying a record, from `from` to the store.
-inline Bytes cfgMessage(uint32_t type, const PeerQueue& from, int instance, const Bytes& record) {
-    Bytes m = message(QOR_CHASSIS_OFF_BODY + record.size(), type, from.id(),
-                      queueOf(QOR_APP_CFGSTORE, instance));
-    qor::putBytes(m, QOR_CHASSIS_OFF_BODY, record.data(), record.size());
+// A configuration-store message with `body`, from `from` to the store.
+inline Bytes cfgMessage(uint32_t type, const PeerQueue& from, int instance, const Bytes& body) {
+    Bytes m = message(QOR_CHASSIS_OFF_BODY + body.size(), type, from.id(), queueOf(QOR_APP_CFGSTORE, instance));
+    qor::putBytes(m, QOR_CHASSIS_OFF_BODY, body.data(), body.size());
     return m;
 }
 
@@ -172,15 +151,15 @@ inline std::optional<std::string> showRunning(int instance, size_t requestLen = 
         if (!request(QOR_APP_CFGSTORE, instance, m)) return std::nullopt;
         const uint32_t total = qor::u32At(m, QOR_CFG_SHOW_OFF_TOTAL);
         const uint32_t piece = qor::u32At(m, QOR_CFG_SHOW_OFF_PIECE);
-        if (qor::u32At(m, QOR_IPC_OFF_STATUS) != 0 || piece > requestLen - QOR_CFG_SHOW_OFF_TEXT)
-            return std::nullopt;
+        if (qor::u32At(m, QOR_IPC_OFF_STATUS) != 0 || piece > requestLen - QOR_CFG_SHOW_OFF_TEXT) return std::nullopt;
         text.append(m.begin() + QOR_CFG_SHOW_OFF_TEXT, m.begin() + QOR_CFG_SHOW_OFF_TEXT + piece);
         if (text.size() >= total) return text;
         if (piece == 0) return std::nullopt;
     }
 }
 
-// A suite's run directory, and one chassis instance per test.
+// A suite's run directory, and a fresh chassis instance per test: queues of
+// earlier tests stay bound to the process, so instances are never reused.
 class ChassisFixture : public ::testing::Test {
 protected:
     static std::string& runDir() {
@@ -188,7 +167,10 @@ protected:
         return dir;
     }
     static void SetUpTestSuite() {
-        runDir() = makeTempDir(::testing::UnitTest::GetInstance()->current_test_suite()->name());
+        std::string tag = ::testing::UnitTest::GetInstance()->current_test_suite()->name();
+        std::replace(tag.begin(), tag.end(), '/', '-');
+        std::string templ = (std::filesystem::temp_directory_path() / "chassis-").string() + tag + "-XXXXXX";
+        runDir() = mkdtemp(templ.data()) ? templ : std::string();
         ASSERT_FALSE(runDir().empty());
         qorSetRunDir(runDir().c_str());
     }
@@ -196,13 +178,11 @@ protected:
         std::error_code ec;
         std::filesystem::remove_all(runDir(), ec);
     }
-    void TearDown() override {
-        if (started_) qorChassisStop(instance_);
-    }
+    void TearDown() override { stopChassis(); }
     // Starts the chassis on a fresh instance; 0 or qorChassisStart's -1.
     int startChassis(ChassisOptions options = {}) {
-        instance_ = nextInstance();
-        options.instance = instance_;
+        static int next = 1;
+        options.instance = instance_ = next++;
         const int rc = qorChassisStart(options);
         started_ = rc == 0;
         return rc;

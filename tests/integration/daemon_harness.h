@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <thread>
@@ -56,10 +57,7 @@ public:
         pid_ = fork();
         if (pid_ < 0) return false;
         if (pid_ == 0) {
-            const std::string log = runDir_ + "/daemon.out";
-            FILE* f = std::freopen(log.c_str(), "a", stdout);
-            (void)f;
-            dup2(fileno(stdout), 2);
+            if (std::freopen((runDir_ + "/daemon.out").c_str(), "a", stdout)) dup2(fileno(stdout), 2);
             std::vector<std::string> args = {DHCPV6RELAYMGR_BIN, "--rundir", runDir_};
             args.insert(args.end(), extra.begin(), extra.end());
             std::vector<char*> argv;
@@ -69,11 +67,6 @@ public:
             _exit(127);
         }
         return true;
-    }
-    bool running() const {
-        if (pid_ <= 0) return false;
-        int st = 0;
-        return waitpid(pid_, &st, WNOHANG) == 0;
     }
     // SIGKILL, as an operator's kill -9 or a crash would end it.
     void kill() {
@@ -86,7 +79,6 @@ public:
     CmdResult cli(const std::string& args) const {
         return run(std::string(DHCPV6CLI_BIN) + " --rundir " + runDir_ + " " + args);
     }
-    const std::string& runDir() const { return runDir_; }
 
 private:
     std::string runDir_;
@@ -95,14 +87,12 @@ private:
 
 inline std::string makeTempDir(const char* tag) {
     std::string tmpl = std::string("/tmp/dhcpv6-") + tag + "-XXXXXX";
-    std::vector<char> buf(tmpl.begin(), tmpl.end());
-    buf.push_back('\0');
-    const char* d = mkdtemp(buf.data());
-    return d ? d : "";
+    return mkdtemp(tmpl.data()) ? tmpl : "";
 }
 
 inline void removeTree(const std::string& dir) {
-    if (dir.rfind("/tmp/dhcpv6-", 0) == 0) run("rm -rf '" + dir + "'");
+    std::error_code ec;
+    if (dir.rfind("/tmp/dhcpv6-", 0) == 0) std::filesystem::remove_all(dir, ec);
 }
 
 }  // namespace harness

@@ -7,6 +7,7 @@
 #include <array>
 #include <atomic>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -25,6 +26,13 @@ namespace {
 
 using harness::eventually;
 using qor::u32At;
+
+// The zero-terminated text at `offset`, never read past the message's end.
+std::string textAt(const std::vector<uint8_t>& m, size_t offset) {
+    if (offset >= m.size()) return "<past the end>";
+    const char* p = reinterpret_cast<const char*>(m.data() + offset);
+    return std::string(p, strnlen(p, m.size() - offset));
+}
 
 struct Msg {
     std::vector<uint8_t> bytes;
@@ -109,29 +117,25 @@ private:
 
 class ExternalChassis : public ::testing::Test {
 protected:
-    static std::string dir;
-    static harness::Daemon* daemon;
-    static Peer *ifm, *acl, *cfg, *rtm, *mrtm;
+    static inline std::string dir;
+    static inline std::unique_ptr<harness::Daemon> daemon;
+    static inline std::unique_ptr<Peer> ifm, acl, cfg, rtm, mrtm;
 
     static void SetUpTestSuite() {
         dir = harness::makeTempDir("ext");
         qorSetRunDir(dir.c_str());
         qorPlatformSetIdentity(20, 0);
-        ifm = new Peer(QOR_APP_IFM);
-        acl = new Peer(QOR_APP_ACL);
-        cfg = new Peer(QOR_APP_CFGSTORE);
-        rtm = new Peer(QOR_APP_RTM);
-        mrtm = new Peer(QOR_APP_MRTM);
-        daemon = new harness::Daemon(dir);
+        ifm = std::make_unique<Peer>(QOR_APP_IFM);
+        acl = std::make_unique<Peer>(QOR_APP_ACL);
+        cfg = std::make_unique<Peer>(QOR_APP_CFGSTORE);
+        rtm = std::make_unique<Peer>(QOR_APP_RTM);
+        mrtm = std::make_unique<Peer>(QOR_APP_MRTM);
+        daemon = std::make_unique<harness::Daemon>(dir);
         daemon->start({"--external-chassis"});
     }
     static void TearDownTestSuite() {
-        delete daemon;
-        delete ifm;
-        delete acl;
-        delete cfg;
-        delete rtm;
-        delete mrtm;
+        daemon.reset();  // the daemon goes before the peers it talks to
+        for (auto* p : {&ifm, &acl, &cfg, &rtm, &mrtm}) p->reset();
         harness::removeTree(dir);
     }
     // Sends a command as the CLI would and returns the daemon's status.
@@ -142,18 +146,18 @@ protected:
         if (qorIpcRequest(QOR_APP_RELAYMGR, 0, msg.data(), uint32_t(msg.size()), 300) != 0) return -99;
         return int(u32At(msg, QOR_IPC_OFF_STATUS));
     }
+    // The first (or last) message of `type` `peer` has received, once there is one.
+    static std::vector<uint8_t> await(Peer& peer, uint32_t type, bool first = false) {
+        if (!eventually([&] { return !peer.received(type).empty(); })) return {};
+        const auto all = peer.received(type);
+        return first ? all.front().bytes : all.back().bytes;
+    }
 };
-std::string ExternalChassis::dir;
-harness::Daemon* ExternalChassis::daemon;
-Peer *ExternalChassis::ifm, *ExternalChassis::acl, *ExternalChassis::cfg, *ExternalChassis::rtm,
-    *ExternalChassis::mrtm;
 
 TEST_F(ExternalChassis, RegistersWithTheIfmWithTheExactRequest) {
     ASSERT_TRUE(ifm->ok() && acl->ok() && cfg->ok() && rtm->ok() && mrtm->ok());
-    ASSERT_TRUE(eventually([] { return !ifm->received(QOR_MT_IFM_REGISTER).empty(); }))
-        << "no IFM registration; daemon output in " << dir << "/daemon.out";
-    const auto req = ifm->received(QOR_MT_IFM_REGISTER).front().bytes;
-    ASSERT_EQ(req.size(), QOR_IFM_REG_LEN);
+    const auto req = await(*ifm, QOR_MT_IFM_REGISTER, true);
+    ASSERT_EQ(req.size(), QOR_IFM_REG_LEN) << "no IFM registration? daemon output in " << dir << "/daemon.out";
     EXPECT_EQ(u32At(req, QOR_IPC_OFF_LENGTH), QOR_IFM_REG_LEN);
     EXPECT_EQ(qor::u16At(req, 1956), 336);
     EXPECT_EQ(qor::u16At(req, 1958), 0);
@@ -165,7 +169,7 @@ TEST_F(ExternalChassis, RegistersWithTheIfmWithTheExactRequest) {
 }
 
 TEST_F(ExternalChassis, RegistersWithRtmAndMrtmThenServesCommands) {
-    ASSERT_TRUE(eventually([] { return !rtm->received(QOR_MT_RTM_REGISTER).empty(); }));
+    ASSERT_FALSE(await(*rtm, QOR_MT_RTM_REGISTER).empty());
     EXPECT_FALSE(mrtm->received(MT_MRTM_REGISTER).empty());
     std::vector<uint8_t> msg(DHCPV6_LOG_MSG_LEN);
     qor::putU32(msg, DHCPV6_LOG_OFF_DEBUG_SWITCH, 1);
@@ -174,11 +178,9 @@ TEST_F(ExternalChassis, RegistersWithRtmAndMrtmThenServesCommands) {
         std::vector<uint8_t> m = msg;
         return command(m, DHCP_LOG_LEVEL) == 0;
     }));
-    ASSERT_TRUE(eventually([] { return !cfg->received(QOR_MT_CFG_INSERT).empty(); }));
-    const auto rec = cfg->received(QOR_MT_CFG_INSERT).back().bytes;
+    const auto rec = await(*cfg, QOR_MT_CFG_INSERT);
     EXPECT_EQ(u32At(rec, QOR_CHASSIS_OFF_BODY + 256), 366u);
-    EXPECT_STREQ(reinterpret_cast<const char*>(rec.data() + QOR_CHASSIS_OFF_BODY + 268),
-                 DHCPV6_DEBUG_ON_LINE);
+    EXPECT_EQ(textAt(rec, QOR_CHASSIS_OFF_BODY + 268), DHCPV6_DEBUG_ON_LINE);
 }
 
 TEST_F(ExternalChassis, HelperAddressSendsNoticeTrapAndConfigurationRecords) {
@@ -189,7 +191,7 @@ TEST_F(ExternalChassis, HelperAddressSendsNoticeTrapAndConfigurationRecords) {
     qor::putU32(msg, DHCPV6_RLY_OFF_IFINDEX, vlan10);
     const uint8_t addr[16] = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5};
     std::memcpy(msg.data() + DHCPV6_RLY_OFF_ADDR, addr, 16);
-    ASSERT_TRUE(eventually([] { return !rtm->received(QOR_MT_RTM_REGISTER).empty(); }));
+    ASSERT_FALSE(await(*rtm, QOR_MT_RTM_REGISTER).empty());
     ASSERT_EQ(command(msg, DHCP_RELAYADDR_CONFIG), 0);
 
     const auto notices = ifm->received(QOR_MT_IFM_PORT_NOTICE);
@@ -199,12 +201,11 @@ TEST_F(ExternalChassis, HelperAddressSendsNoticeTrapAndConfigurationRecords) {
     EXPECT_EQ(n[QOR_CHASSIS_OFF_BODY + 68], 0) << "becomes a relay interface";
     EXPECT_EQ(u32At(n, QOR_CHASSIS_OFF_BODY + 76), 0x2000u);
 
-    ASSERT_TRUE(eventually([] { return !acl->received(QOR_MT_ACL_SYS_FLOW).empty(); }));
-    const auto a = acl->received(QOR_MT_ACL_SYS_FLOW).front().bytes;
+    const auto a = await(*acl, QOR_MT_ACL_SYS_FLOW, true);
     EXPECT_EQ(u32At(a, QOR_CHASSIS_OFF_BODY), 30u);
     EXPECT_EQ(u32At(a, QOR_CHASSIS_OFF_BODY + 24), 1u);
 
-    ASSERT_TRUE(eventually([] { return !cfg->received(QOR_MT_CFG_SYNC).empty(); }));
+    const auto s = await(*cfg, QOR_MT_CFG_SYNC);
     Msg helperLine;
     for (const auto& m : cfg->received(QOR_MT_CFG_INSERT))
         if (u32At(m.bytes, QOR_CHASSIS_OFF_BODY + 256) == 119) helperLine = m;
@@ -214,14 +215,13 @@ TEST_F(ExternalChassis, HelperAddressSendsNoticeTrapAndConfigurationRecords) {
     const std::string text = " ipv6 helper-address 2001:db8::5";
     EXPECT_EQ(u32At(r, body + 0), vlan10) << "key starts with the ifIndex";
     EXPECT_EQ(qor::u16At(r, body + 4), 204);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(r.data() + body + 38)), "2001:db8::5");
+    EXPECT_EQ(textAt(r, body + 38), "2001:db8::5");
     EXPECT_EQ(u32At(r, body + 264), 38u + std::strlen("2001:db8::5"));
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(r.data() + body + 268)), text);
-    const auto s = cfg->received(QOR_MT_CFG_SYNC).back().bytes;
+    EXPECT_EQ(textAt(r, body + 268), text);
     EXPECT_EQ(u32At(s, body + 0), 18u) << "a VLAN interface is not a port-channel";
     EXPECT_EQ(u32At(s, body + 4), IFM_IFTYPE_VLAN);
     EXPECT_EQ(u32At(s, body + 8), vlan10);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(s.data() + body + 272)), text);
+    EXPECT_EQ(textAt(s, body + 272), text);
 }
 
 }  // namespace

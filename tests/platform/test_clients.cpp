@@ -5,7 +5,6 @@
 
 #include <array>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <string>
 #include <thread>
@@ -27,11 +26,20 @@
 namespace {
 
 constexpr uint32_t kModule = 0x7B0000;
+using Msg = std::vector<uint8_t>;
 
-void* varAlloc(uint32_t size) {
-    return qorMC_M_memBlockVarAlloc("test_clients", __LINE__, 1, size, kModule, 0, 0);
-}
+void* varAlloc(uint32_t size) { return qorMC_M_memBlockVarAlloc("test_clients", __LINE__, 1, size, kModule, 0, 0); }
 int varFree(void* block) { return qorMC_M_memBlockVarFree("test_clients", __LINE__, block); }
+
+Msg next(int queue) {
+    Msg buf(QOR_IPC_MAX_MSG);
+    const int n = qorIpcRecv(queue, buf.data(), uint32_t(buf.size()), QOR_IPC_NOWAIT, 0, 0);
+    buf.resize(n > 0 ? size_t(n) : 0);
+    return buf;
+}
+
+// Binds a service's request queue in the current run directory.
+int service(int application) { return Key_getReqQueue(qorTaskStartup(0, nullptr, application, 0)); }
 
 class Clients : public ::testing::Test {
 protected:
@@ -48,21 +56,11 @@ protected:
         qorSetRunDir("/run/qor");
         std::system(("rm -rf " + runDir).c_str());
     }
-    // Binds a service's request queue in this run directory.
-    static int service(int application) {
-        return Key_getReqQueue(qorTaskStartup(0, nullptr, application, 0));
-    }
-    static std::vector<uint8_t> next(int queue) {
-        std::vector<uint8_t> buf(QOR_IPC_MAX_MSG);
-        const int n = qorIpcRecv(queue, buf.data(), uint32_t(buf.size()), QOR_IPC_NOWAIT, 0, 0);
-        buf.resize(n > 0 ? size_t(n) : 0);
-        return buf;
-    }
     // The service answers the next request: `edit` fills the answer into the
     // request's own bytes. The request as received is kept in `request`.
     std::thread serveOnce(int queue, std::function<void(qor::MutByteView)> edit) {
         return std::thread([this, queue, edit] {
-            std::vector<uint8_t> buf(QOR_IPC_MAX_MSG);
+            Msg buf(QOR_IPC_MAX_MSG);
             const int n = qorIpcRecv(queue, buf.data(), uint32_t(buf.size()), 0, 0, 0);
             if (n <= 0) return;
             buf.resize(size_t(n));
@@ -71,117 +69,78 @@ protected:
             qorIpcReply(queue, buf.data(), uint32_t(n));
         });
     }
-
     std::string runDir;
-    int taskKey = -1;
-    int daemon = -1;
-    std::vector<uint8_t> request;
+    int taskKey = -1, daemon = -1;
+    Msg request;
 };
 
-struct CfgCall {
-    const char* name;
-    int (*call)(int, const uint8_t*);
-    uint32_t type;
-    size_t recordLen;
-};
-
-class CfgRecords : public Clients, public ::testing::WithParamInterface<CfgCall> {};
-
-TEST_P(CfgRecords, RecordReachesTheStoreFromTheDaemonsQueue) {
-    const CfgCall& c = GetParam();
+TEST_F(Clients, CfgRecordReachesTheStoreFromTheDaemonsQueue) {
+    Msg record(QOR_CFG_SYNC_LEN);  // large enough for every record kind below
+    for (size_t i = 0; i < record.size(); ++i) record[i] = uint8_t(i * 7);
+    EXPECT_NE(qorCfgInsert(taskKey, record.data()), 0) << "no store to deliver to";
     const int store = service(QOR_APP_CFGSTORE);
     ASSERT_GE(store, 0);
-    std::vector<uint8_t> record(c.recordLen);
-    for (size_t i = 0; i < record.size(); ++i) record[i] = uint8_t(i * 7);
-    ASSERT_EQ(c.call(taskKey, record.data()), 0) << c.name;
-
-    const auto msg = next(store);
-    ASSERT_EQ(msg.size(), QOR_CHASSIS_OFF_BODY + c.recordLen) << c.name;
-    EXPECT_EQ(qor::u32At(msg, QOR_IPC_OFF_TYPE), c.type);
-    EXPECT_EQ(qor::u32At(msg, QOR_IPC_OFF_LENGTH), msg.size());
-    EXPECT_EQ(qor::u32At(msg, QOR_IPC_OFF_SRC_QUEUE), qor_getQueueId(336, 0, 1))
-        << "the store keys a line's owner on the source queue";
-    EXPECT_TRUE(std::equal(record.begin(), record.end(), msg.begin() + QOR_CHASSIS_OFF_BODY));
-    // It came from the daemon's own queue: the store's answer lands there.
-    ASSERT_EQ(qorIpcReply(store, msg.data(), uint32_t(msg.size())), 0);
-    EXPECT_EQ(next(daemon).size(), msg.size());
-
-    EXPECT_NE(c.call(taskKey, nullptr), 0);
-    EXPECT_NE(c.call(9999, record.data()), 0) << "no such task";
+    struct Call {
+        int (*call)(int, const uint8_t*);
+        uint32_t type;
+        size_t recordLen;
+    };
+    for (const Call& c : {Call{qorCfgInsert, QOR_MT_CFG_INSERT, QOR_CFG_RECORD_LEN},
+                          Call{qorCfgRemoveExact, QOR_MT_CFG_REMOVE_EXACT, QOR_CFG_RECORD_LEN},
+                          Call{qorCfgRemoveNode, QOR_MT_CFG_REMOVE_NODE, QOR_CFG_RECORD_LEN},
+                          Call{qorCfgSync, QOR_MT_CFG_SYNC, QOR_CFG_SYNC_LEN}}) {
+        ASSERT_EQ(c.call(taskKey, record.data()), 0) << c.type;
+        const auto msg = next(store);
+        ASSERT_EQ(msg.size(), QOR_CHASSIS_OFF_BODY + c.recordLen) << c.type;
+        EXPECT_EQ(qor::u32At(msg, QOR_IPC_OFF_TYPE), c.type);
+        EXPECT_EQ(qor::u32At(msg, QOR_IPC_OFF_LENGTH), msg.size());
+        EXPECT_EQ(qor::u32At(msg, QOR_IPC_OFF_SRC_QUEUE), qor_getQueueId(336, 0, 1))
+            << "the store keys a line's owner on the source queue";
+        EXPECT_TRUE(std::equal(record.begin(), record.begin() + c.recordLen, msg.begin() + QOR_CHASSIS_OFF_BODY));
+        // It came from the daemon's own queue: the store's answer lands there.
+        ASSERT_EQ(qorIpcReply(store, msg.data(), uint32_t(msg.size())), 0);
+        EXPECT_EQ(next(daemon).size(), msg.size());
+        EXPECT_NE(c.call(taskKey, nullptr), 0);
+        EXPECT_NE(c.call(9999, record.data()), 0) << "no such task";
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Store, CfgRecords,
-    ::testing::Values(CfgCall{"insert", qorCfgInsert, QOR_MT_CFG_INSERT, QOR_CFG_RECORD_LEN},
-                      CfgCall{"remove exact", qorCfgRemoveExact, QOR_MT_CFG_REMOVE_EXACT,
-                              QOR_CFG_RECORD_LEN},
-                      CfgCall{"remove node", qorCfgRemoveNode, QOR_MT_CFG_REMOVE_NODE,
-                              QOR_CFG_RECORD_LEN},
-                      CfgCall{"sync", qorCfgSync, QOR_MT_CFG_SYNC, QOR_CFG_SYNC_LEN}));
-
-TEST_F(Clients, CfgRecordWithoutAStoreIsNotDelivered) {
-    std::vector<uint8_t> record(QOR_CFG_RECORD_LEN);
-    EXPECT_NE(qorCfgInsert(taskKey, record.data()), 0);
-}
-
-class PortNotice : public Clients, public ::testing::WithParamInterface<int32_t> {};
-
-TEST_P(PortNotice, ResultIsTheIfmsAnswer) {
-    const int ifm = service(QOR_APP_IFM);
-    const int32_t status = GetParam();
-    std::thread ifmTask = serveOnce(ifm, [status](qor::MutByteView m) {
-        qor::putU32(m, QOR_IPC_OFF_STATUS, uint32_t(status));
-    });
+TEST_F(Clients, PortNoticeResultIsTheIfmsAnswer) {
     std::array<uint8_t, QOR_PORT_NOTICE_LEN> notice{};
+    EXPECT_EQ(qorPortCfgNotif(taskKey, notice.data()), -1) << "no IFM";
+    EXPECT_EQ(qorPortCfgNotif(taskKey, nullptr), -1);
+    const int ifm = service(QOR_APP_IFM);
     qor::putU32(notice, 64, 0x18000001);  // the ifIndex
     notice[68] = 1;
     qor::putU32(notice, 76, 0x2000);
-    const int rc = qorPortCfgNotif(taskKey, notice.data());
-    ifmTask.join();
-    EXPECT_EQ(rc, GetParam());
-    ASSERT_EQ(request.size(), QOR_CHASSIS_OFF_BODY + QOR_PORT_NOTICE_LEN);
-    EXPECT_EQ(qor::u32At(request, QOR_IPC_OFF_TYPE), QOR_MT_IFM_PORT_NOTICE);
-    EXPECT_TRUE(std::equal(notice.begin(), notice.end(), request.begin() + QOR_CHASSIS_OFF_BODY));
+    for (int32_t status : {0, 1, -5}) {
+        std::thread ifmTask = serveOnce(
+            ifm, [status](qor::MutByteView m) { qor::putU32(m, QOR_IPC_OFF_STATUS, uint32_t(status)); });
+        EXPECT_EQ(qorPortCfgNotif(taskKey, notice.data()), status);
+        ifmTask.join();
+        ASSERT_EQ(request.size(), QOR_CHASSIS_OFF_BODY + QOR_PORT_NOTICE_LEN);
+        EXPECT_EQ(qor::u32At(request, QOR_IPC_OFF_TYPE), QOR_MT_IFM_PORT_NOTICE);
+        EXPECT_TRUE(std::equal(notice.begin(), notice.end(), request.begin() + QOR_CHASSIS_OFF_BODY));
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(Answers, PortNotice, ::testing::Values(0, 1, -5));
-
-TEST_F(Clients, PortNoticeWithoutAnIfmIsRefused) {
-    std::array<uint8_t, QOR_PORT_NOTICE_LEN> notice{};
-    EXPECT_EQ(qorPortCfgNotif(taskKey, notice.data()), -1);
-    EXPECT_EQ(qorPortCfgNotif(taskKey, nullptr), -1);
-}
-
-class AclClient : public Clients {
-protected:
-    void SetUp() override {
-        Clients::SetUp();
-        qorMemReset();
-        const uint32_t sizes[] = {128, 1024};
-        ASSERT_EQ(qorMC_qor_memPartVarInit(kModule, 0, sizes, 2), OK);
-        acl = service(QOR_APP_ACL);
-        pipeName = "/qor/pipe/acl-" +
-                   std::string(::testing::UnitTest::GetInstance()->current_test_info()->name());
-        pipeFd = qorSwpCreatePipe(pipeName.c_str());
-        ASSERT_GE(pipeFd, 0);
-        ASSERT_EQ(qorSwpQueueCreate_p(0, 0, 10, 25, 336, 0, daemon, QOR_APP_ACL, 0, 0, varAlloc, 0,
-                                      varFree, nullptr, &aclQueue, pipeFd),
-                  0);
-    }
-    void TearDown() override {
-        qorSwpQueueRemove(aclQueue);
-        pipeDevDelete(pipeName.c_str());
-        EXPECT_EQ(qorMemVarLiveCount(kModule), 0u);
-        qorMemReset();
-        Clients::TearDown();
-    }
-    int acl = -1;
+TEST_F(Clients, AclEntryTravelsOverTheAclQueueAndIsFreedByItsAck) {
+    qorMemReset();
+    const uint32_t sizes[] = {128, 1024};
+    ASSERT_EQ(qorMC_qor_memPartVarInit(kModule, 0, sizes, 2), OK);
+    const int acl = service(QOR_APP_ACL);
+    const std::string pipeName = "/qor/pipe/acl-clients";
+    const int pipeFd = qorSwpCreatePipe(pipeName.c_str());
     int aclQueue = -1;
-    int pipeFd = -1;
-    std::string pipeName;
-};
+    ASSERT_EQ(qorSwpQueueCreate_p(0, 0, 10, 25, 336, 0, daemon, QOR_APP_ACL, 0, 0, varAlloc, 0, varFree, nullptr,
+                                  &aclQueue, pipeFd),
+              0);
+    // No queue or no block: no entry.
+    EXPECT_EQ(iAclEnableSysFlowProtocolEntries(39, 0, 0, 0, taskKey, 2, 1, aclQueue + 100), -1);
+    qorMemFailNextAlloc(kModule);
+    EXPECT_EQ(iAclEnableSysFlowProtocolEntries(39, 0, 0, 0, taskKey, 2, 1, aclQueue), -1);
+    EXPECT_EQ(qorSwpQueueDepth(aclQueue), 0);
 
-TEST_F(AclClient, EntryTravelsOverTheAclQueueAndIsFreedByItsAck) {
     ASSERT_EQ(iAclEnableSysFlowProtocolEntries(30, 0, 0, 4, taskKey, 2, 1, aclQueue), 0);
     EXPECT_EQ(qorMemVarLiveCount(kModule), 1u) << "the block is the queue's own allocation";
     qorSwpReadPipe(pipeFd);
@@ -191,36 +150,35 @@ TEST_F(AclClient, EntryTravelsOverTheAclQueueAndIsFreedByItsAck) {
     const uint32_t expected[] = {30, 0, 0, 4, uint32_t(taskKey), 2, 1};
     for (size_t i = 0; i < std::size(expected); ++i)
         EXPECT_EQ(qor::u32At(msg, QOR_CHASSIS_OFF_BODY + 4 * i), expected[i]) << "word " << i;
-
+    EXPECT_TRUE(next(acl).empty());
     QOR_SWP_SEQ seq{};
     ASSERT_EQ(qorSwpCkSeqAndAck(msg.data(), uint32_t(msg.size()), &seq, acl), QOR_SWP_IN_ORDER);
     const auto ack = next(daemon);
     void* block = nullptr;
     ASSERT_EQ(qorSwpDequeue(ack.data(), uint32_t(ack.size()), &block), 0);
     EXPECT_EQ(varFree(block), OK);
+    qorSwpQueueRemove(aclQueue);
+    pipeDevDelete(pipeName.c_str());
+    EXPECT_EQ(qorMemVarLiveCount(kModule), 0u);
+    qorMemReset();
 }
 
-TEST_F(AclClient, NoBlockNoEntry) {
-    EXPECT_EQ(iAclEnableSysFlowProtocolEntries(39, 0, 0, 0, taskKey, 2, 1, aclQueue + 100), -1);
-    qorMemFailNextAlloc(kModule);
-    EXPECT_EQ(iAclEnableSysFlowProtocolEntries(39, 0, 0, 0, taskKey, 2, 1, aclQueue), -1);
-    qorSwpReadPipe(pipeFd);
-    EXPECT_TRUE(next(acl).empty());
-    EXPECT_EQ(qorSwpQueueDepth(aclQueue), 0);
-}
-
-TEST_F(Clients, RtmRegistrationGivesTheRtmsHandle) {
+TEST_F(Clients, RtmRegistrationGivesTheRtmsHandleOnlyWhenAccepted) {
+    const uint32_t clientInfo[3] = {336, uint32_t(daemon), 0}, noQueue[3] = {336, uint32_t(-1), 0};
+    uint32_t handle = 0x1234;
+    EXPECT_NE(qorRtmRegisterAddrFamily_vrf(23, 0xFFFF, 0, "x", &handle, noQueue, 2, 0, 0), 0);
+    EXPECT_EQ(handle, 0x1234u);
     const int rtm = service(QOR_APP_RTM);
-    std::thread rtmTask = serveOnce(rtm, [](qor::MutByteView m) {
+    std::thread rtmTask = serveOnce(rtm, [](qor::MutByteView m) { qor::putU32(m, QOR_IPC_OFF_STATUS, 3); });
+    EXPECT_NE(qorRtmRegisterAddrFamily_vrf(23, 0xFFFF, 0, "x", &handle, clientInfo, 2, 0, 0), 0) << "refused";
+    rtmTask.join();
+    EXPECT_EQ(handle, 0x1234u);
+    rtmTask = serveOnce(rtm, [](qor::MutByteView m) {
         qor::putU32(m, QOR_IPC_OFF_STATUS, 0);
         qor::putU32(m, 128, 0x77);
     });
-    const uint32_t clientInfo[3] = {336, uint32_t(daemon), 0};
-    uint32_t handle = 0;
-    const int rc = qorRtmRegisterAddrFamily_vrf(23, 0xFFFF, 0, "Dhcpv6RelayMgr", &handle,
-                                                clientInfo, 2, 0, 0);
+    EXPECT_EQ(qorRtmRegisterAddrFamily_vrf(23, 0xFFFF, 0, "Dhcpv6RelayMgr", &handle, clientInfo, 2, 0, 0), 0);
     rtmTask.join();
-    EXPECT_EQ(rc, 0);
     EXPECT_EQ(handle, 0x77u);
     ASSERT_GE(request.size(), 132u);
     EXPECT_EQ(qor::u32At(request, QOR_IPC_OFF_TYPE), QOR_MT_RTM_REGISTER);
@@ -230,49 +188,25 @@ TEST_F(Clients, RtmRegistrationGivesTheRtmsHandle) {
     EXPECT_STREQ(reinterpret_cast<const char*>(request.data() + 96), "Dhcpv6RelayMgr");
 }
 
-TEST_F(Clients, RtmRefusalOrAbsenceLeavesTheHandle) {
-    const int rtm = service(QOR_APP_RTM);
-    std::thread rtmTask =
-        serveOnce(rtm, [](qor::MutByteView m) { qor::putU32(m, QOR_IPC_OFF_STATUS, 3); });
-    const uint32_t clientInfo[3] = {336, uint32_t(daemon), 0};
-    uint32_t handle = 0x1234;
-    const int rc = qorRtmRegisterAddrFamily_vrf(23, 0xFFFF, 0, "x", &handle, clientInfo, 2, 0, 0);
-    rtmTask.join();
-    EXPECT_NE(rc, 0);
-    EXPECT_EQ(handle, 0x1234u);
-
-    const uint32_t noQueue[3] = {336, uint32_t(-1), 0};
-    EXPECT_NE(qorRtmRegisterAddrFamily_vrf(23, 0xFFFF, 0, "x", &handle, noQueue, 2, 0, 0), 0);
-    EXPECT_EQ(handle, 0x1234u);
-}
-
 TEST_F(Clients, MrtmRegistrationIsAnsweredInTheCallersBuffer) {
-    const int mrtm = service(QOR_APP_MRTM);
-    std::thread mrtmTask = serveOnce(mrtm, [](qor::MutByteView m) {
-        qor::putU32(m, MRTM_REG_OFF_STATUS, 0);
-        qor::putU32(m, MRTM_REG_OFF_CLIENT_ID, 9);
-    });
-    std::array<uint8_t, MRTM_REG_LEN> msg{};
-    const uint32_t templ[3] = {336, uint32_t(daemon), 0};
-    ASSERT_EQ(mrtmapiBuildIpcHdr(msg.data(), MT_MRTM_REGISTER, MRTM_REG_LEN, templ), 0);
-    EXPECT_EQ(qor::u32At(msg, QOR_IPC_OFF_SRC_QUEUE), qor_getQueueId(336, 0, 1));
-    EXPECT_EQ(qor::u32At(msg, QOR_IPC_OFF_DST_QUEUE), qor_getQueueId(QOR_APP_MRTM, 0, 1));
-    qor::putU32(msg, MRTM_REG_OFF_CLIENT_ID, 0xFFFFFFFF);
-    const int rc = mrtmapiIpcSendAndRecv(daemon, msg.data(), MRTM_REG_LEN);
-    mrtmTask.join();
-    EXPECT_EQ(rc, 0);
-    EXPECT_EQ(qor::u32At(request, QOR_IPC_OFF_TYPE), MT_MRTM_REGISTER);
-    EXPECT_EQ(qor::u32At(msg, MRTM_REG_OFF_CLIENT_ID), 9u);
-    EXPECT_EQ(qor::u32At(msg, MRTM_REG_OFF_STATUS), 0u);
-}
-
-TEST_F(Clients, MrtmHeaderOrExchangeRefusedWithoutRoomOrPeer) {
     std::array<uint8_t, MRTM_REG_LEN> msg{};
     const uint32_t templ[3] = {336, uint32_t(daemon), 0};
     EXPECT_EQ(mrtmapiBuildIpcHdr(msg.data(), MT_MRTM_REGISTER, QOR_IPC_HDR_LEN - 1, templ), -1);
     EXPECT_EQ(mrtmapiBuildIpcHdr(msg.data(), MT_MRTM_REGISTER, MRTM_REG_LEN, nullptr), -1);
     ASSERT_EQ(mrtmapiBuildIpcHdr(msg.data(), MT_MRTM_REGISTER, MRTM_REG_LEN, templ), 0);
-    EXPECT_EQ(mrtmapiIpcSendAndRecv(daemon, msg.data(), MRTM_REG_LEN), -1) << "no MRTM here";
+    EXPECT_EQ(qor::u32At(msg, QOR_IPC_OFF_SRC_QUEUE), qor_getQueueId(336, 0, 1));
+    EXPECT_EQ(qor::u32At(msg, QOR_IPC_OFF_DST_QUEUE), qor_getQueueId(QOR_APP_MRTM, 0, 1));
+    EXPECT_EQ(mrtmapiIpcSendAndRecv(daemon, msg.data(), MRTM_REG_LEN), -1) << "no MRTM yet";
+    std::thread mrtmTask = serveOnce(service(QOR_APP_MRTM), [](qor::MutByteView m) {
+        qor::putU32(m, MRTM_REG_OFF_STATUS, 0);
+        qor::putU32(m, MRTM_REG_OFF_CLIENT_ID, 9);
+    });
+    qor::putU32(msg, MRTM_REG_OFF_CLIENT_ID, 0xFFFFFFFF);
+    EXPECT_EQ(mrtmapiIpcSendAndRecv(daemon, msg.data(), MRTM_REG_LEN), 0);
+    mrtmTask.join();
+    EXPECT_EQ(qor::u32At(request, QOR_IPC_OFF_TYPE), MT_MRTM_REGISTER);
+    EXPECT_EQ(qor::u32At(msg, MRTM_REG_OFF_CLIENT_ID), 9u);
+    EXPECT_EQ(qor::u32At(msg, MRTM_REG_OFF_STATUS), 0u);
 }
 
 TEST(Ha, RoleFollowsTheLastSetting) {

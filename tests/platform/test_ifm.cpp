@@ -53,37 +53,26 @@ TEST_P(IfIndexRoundTrip, FieldsNameAndParseGiveBackTheInterface) {
 
     char name[IFM_IFNAME_LEN];
     EXPECT_STREQ(ifmIfIndexToName(ifIndex, name), c.name);
-    uint32_t parsed = 0;
-    ASSERT_EQ(ifmNameToIfIndex(c.name, &parsed), 0) << c.name;
-    EXPECT_EQ(parsed, ifIndex);
-
-    std::string upper = c.name;
+    // As printed, in capitals, and with no space before the numbers ("vlan10").
+    std::string upper = c.name, joined = c.name;
     std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
-    parsed = 0;
-    ASSERT_EQ(ifmNameToIfIndex(upper.c_str(), &parsed), 0) << upper;
-    EXPECT_EQ(parsed, ifIndex);
-
-    std::string joined = c.name;  // "vlan10": no space before the numbers
     joined.erase(joined.find(' '), 1);
-    parsed = 0;
-    ASSERT_EQ(ifmNameToIfIndex(joined.c_str(), &parsed), 0) << joined;
-    EXPECT_EQ(parsed, ifIndex);
+    for (const std::string& spelling : {std::string(c.name), upper, joined}) {
+        uint32_t parsed = 0;
+        EXPECT_EQ(ifmNameToIfIndex(spelling.c_str(), &parsed), 0) << spelling;
+        EXPECT_EQ(parsed, ifIndex) << spelling;
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryKind, IfIndexRoundTrip, ::testing::ValuesIn(kInterfaces));
 
-TEST(IfIndex, EveryInterfaceHasItsOwnIfIndex) {
+TEST(IfIndex, EveryInterfaceHasItsOwnIfIndexWhicheverFormTheDaemonUses) {
     std::set<uint32_t> seen;
     for (const IfCase& c : kInterfaces)
         EXPECT_TRUE(seen.insert(ifmCreateIfIndex(c.type, c.slot, c.port, c.sub)).second) << c.name;
-}
-
-TEST(IfIndex, DaemonsVlanAndLagFormsMatchThePortForm) {
     // The daemon passes a VLAN id or LAG number as the last argument.
-    const uint32_t vlan10 = ifmCreateIfIndex(IFM_IFTYPE_VLAN, 0, 0, 10);
-    EXPECT_EQ(vlan10, ifmCreateIfIndex(IFM_IFTYPE_VLAN, 0, 10, 0));
+    EXPECT_EQ(ifmCreateIfIndex(IFM_IFTYPE_VLAN, 0, 0, 10), ifmCreateIfIndex(IFM_IFTYPE_VLAN, 0, 10, 0));
     EXPECT_EQ(ifmCreateIfIndex(IFM_IFTYPE_LAG, 0, 0, 7), ifmCreateIfIndex(IFM_IFTYPE_LAG, 0, 7, 0));
-    EXPECT_NE(vlan10, ifmCreateIfIndex(IFM_IFTYPE_LAG, 0, 0, 10));
 }
 
 struct OutOfRange {
@@ -91,29 +80,22 @@ struct OutOfRange {
     uint32_t type, slot, port, sub;
 };
 
-class IfIndexRefused : public ::testing::TestWithParam<OutOfRange> {};
-
-TEST_P(IfIndexRefused, GivesNoInterface) {
-    const OutOfRange& c = GetParam();
-    EXPECT_EQ(ifmCreateIfIndex(c.type, c.slot, c.port, c.sub), 0u) << c.what;
+TEST(IfIndex, OutOfRangeFieldsGiveNoInterface) {
+    for (const OutOfRange& c : {OutOfRange{"ethernet slot 256", IFM_IFTYPE_ETHERNET, 256, 1, 0},
+                                OutOfRange{"ethernet port 0", IFM_IFTYPE_ETHERNET, 1, 0, 0},
+                                OutOfRange{"ethernet port 4096", IFM_IFTYPE_ETHERNET, 1, 4096, 0},
+                                OutOfRange{"ethernet sub-port 16", IFM_IFTYPE_ETHERNET, 1, 1, 16},
+                                OutOfRange{"management sub-port", IFM_IFTYPE_MGMT, 1, 0, 1},
+                                OutOfRange{"management slot 256", IFM_IFTYPE_MGMT, 256, 0, 0},
+                                OutOfRange{"vlan 0", IFM_IFTYPE_VLAN, 0, 0, 0},
+                                OutOfRange{"vlan 4095", IFM_IFTYPE_VLAN, 0, 0, 4095},
+                                OutOfRange{"vlan with a slot", IFM_IFTYPE_VLAN, 1, 0, 10},
+                                OutOfRange{"vlan given twice", IFM_IFTYPE_VLAN, 0, 5, 6},
+                                OutOfRange{"port-channel 0", IFM_IFTYPE_LAG, 0, 0, 0},
+                                OutOfRange{"port-channel 65536", IFM_IFTYPE_LAG, 0, 0, 65536},
+                                OutOfRange{"unknown type", 99, 1, 1, 0}, OutOfRange{"type 0", 0, 1, 1, 0}})
+        EXPECT_EQ(ifmCreateIfIndex(c.type, c.slot, c.port, c.sub), 0u) << c.what;
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Boundaries, IfIndexRefused,
-    ::testing::Values(OutOfRange{"ethernet slot 256", IFM_IFTYPE_ETHERNET, 256, 1, 0},
-                      OutOfRange{"ethernet port 0", IFM_IFTYPE_ETHERNET, 1, 0, 0},
-                      OutOfRange{"ethernet port 4096", IFM_IFTYPE_ETHERNET, 1, 4096, 0},
-                      OutOfRange{"ethernet sub-port 16", IFM_IFTYPE_ETHERNET, 1, 1, 16},
-                      OutOfRange{"management sub-port", IFM_IFTYPE_MGMT, 1, 0, 1},
-                      OutOfRange{"management slot 256", IFM_IFTYPE_MGMT, 256, 0, 0},
-                      OutOfRange{"vlan 0", IFM_IFTYPE_VLAN, 0, 0, 0},
-                      OutOfRange{"vlan 4095", IFM_IFTYPE_VLAN, 0, 0, 4095},
-                      OutOfRange{"vlan with a slot", IFM_IFTYPE_VLAN, 1, 0, 10},
-                      OutOfRange{"vlan given twice", IFM_IFTYPE_VLAN, 0, 5, 6},
-                      OutOfRange{"port-channel 0", IFM_IFTYPE_LAG, 0, 0, 0},
-                      OutOfRange{"port-channel 65536", IFM_IFTYPE_LAG, 0, 0, 65536},
-                      OutOfRange{"unknown type", 99, 1, 1, 0},
-                      OutOfRange{"type 0", 0, 1, 1, 0}));
 
 class IfNameRefused : public ::testing::TestWithParam<const char*> {};
 
@@ -133,13 +115,10 @@ INSTANTIATE_TEST_SUITE_P(
                       "vlan 99999999999999999999", "vlan 000000000000000000000000000010",
                       "unknown 0x63000001", "eth 1/2", "vlan\t10"));
 
-TEST(IfName, NullNameOrOutputIsRefused) {
+TEST(IfName, NullArgumentsAreRefusedAndAnUnknownIfIndexPrintsItsValue) {
     uint32_t ifIndex = 0;
     EXPECT_EQ(ifmNameToIfIndex(nullptr, &ifIndex), -1);
     EXPECT_EQ(ifmNameToIfIndex("vlan 10", nullptr), -1);
-}
-
-TEST(IfName, UnknownIfIndexPrintsItsValue) {
     char name[IFM_IFNAME_LEN];
     EXPECT_STREQ(ifmIfIndexToName(0x63000001, name), "unknown 0x63000001");
     EXPECT_STREQ(ifmIfIndexToName(0, name), "unknown 0x00000000");

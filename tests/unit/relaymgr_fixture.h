@@ -1,7 +1,6 @@
 // relaymgr_fixture.h -- a relay manager brought up on the recording platform
-// stand-in, as far as its event loop would see it, and taken down again so
-// that every test starts from a clean state and ends by proving that no pool
-// block was left behind.
+// stand-in and taken down again: every test starts clean and ends by proving
+// that no pool block was left behind.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -60,6 +59,16 @@ inline std::vector<uint8_t> cmdMsg(uint32_t command, size_t len, uint32_t type =
 
 inline int dispatch(std::vector<uint8_t>& m) { return dhcpv6RelayProcCliCmd(dhcpv6Msg(m)); }
 
+// The IFM's notice that one interface was deleted.
+inline std::vector<uint8_t> ifmDeleteNotice(uint32_t ifIndex) {
+    auto m = typeMsg(MT_IFM_NOTIF_MSG, 148);
+    qor::putU32(m, 128, 1);  // one TLV
+    qor::putU16(m, 140, 2);  // IFM_TYP_DEL_IF
+    qor::putU16(m, 142, 8);  // whole TLV
+    qor::putU32(m, 144, ifIndex);
+    return m;
+}
+
 inline std::string textAt(const std::vector<uint8_t>& b, size_t off) {
     if (off >= b.size()) return {};
     const char* p = reinterpret_cast<const char*>(b.data() + off);
@@ -73,8 +82,7 @@ inline std::string fileText(const std::string& path) {
     return s.str();
 }
 
-// Drives the hand-made tick while a registration waits a second between
-// attempts, so that nothing waits on the wall clock.
+// Drives the hand-made tick while a registration waits between attempts.
 class TickPump {
 public:
     TickPump() : thread_([this] {
@@ -126,8 +134,7 @@ protected:
         (void)rc;
     }
 
-    // The state the event loop starts with: queues, pools, tables, the IFM
-    // and ACL queues. (Registrations and timers are tested on their own.)
+    // Queues, pools, tables, the IFM and ACL queues; no registrations or timers.
     virtual void bringUp() {
         dhcpv6RelayGlobalVar.taskKey = qorTaskStartup(0, nullptr, 0, 0);
         ASSERT_EQ(dhcpv6RelayMgrVarInit(&master, &nfds), 0);
@@ -136,6 +143,15 @@ protected:
         ASSERT_EQ(dhcpv6RelayTableInit(), 0);
         ASSERT_EQ(dhcpv6CreateIfmSwpQueue(), 0);
         ASSERT_EQ(dhcpv6CreateAclSwpQueue(), 0);
+    }
+
+    // Sends a command that is always answered; returns the answer's status.
+    int32_t status(std::vector<uint8_t> m) {
+        const size_t before = replies().size();
+        dispatch(m);
+        const auto r = replies();
+        EXPECT_EQ(r.size(), before + 1) << "the command is answered once";
+        return r.size() > before ? int32_t(qor::u32At(r.back(), QOR_IPC_OFF_STATUS)) : -99;
     }
 
     // Only calls made after this point count in since().

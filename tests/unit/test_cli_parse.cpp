@@ -1,11 +1,8 @@
 // dhcpv6-cli's command lines as the daemon and the chassis services receive
-// them: the bytes of each request at the offsets the receiver reads, the
-// lines a saved configuration replays, the operator's messages for bad
-// input, and answers whose lengths do not hold together.
+// them: request bytes at the offsets the receiver reads, the lines a saved
+// configuration replays, messages for bad input, and inconsistent answers.
 #include <gtest/gtest.h>
 
-#include <cstdint>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -53,7 +50,6 @@ void expectAddressedTo(const std::vector<uint8_t>& msg, uint32_t application, ui
     EXPECT_EQ(word(msg, 56), (application << 16) | (uint32_t(kInstance) << 8) | 1);
 }
 
-// ---- helper addresses ---------------------------------------------------------
 
 TEST(CliHelperAddress, AddInTheDefaultVrfFillsTheRelayAddressCommand) {
     const CliParsed p = parseOk("ipv6 helper-address 2001:db8:ff::2", true);
@@ -112,7 +108,6 @@ INSTANTIATE_TEST_SUITE_P(Boundaries, CliVrfNameLength,
                          ::testing::Values(VrfNameCase{1, true}, VrfNameCase{31, true},
                                            VrfNameCase{32, true}, VrfNameCase{33, false}));
 
-// ---- source interfaces ------------------------------------------------------------
 
 TEST(CliSourceInterface, GlobalLineCarriesTheNameAsTheIfmPrintsIt) {
     const CliParsed p = parseOk("ipv6 dhcp relay source-interface VLAN30", false);
@@ -148,7 +143,6 @@ TEST(CliSourceInterface, RemovalNeedsNoName) {
               "% Error: an interface name is missing");
 }
 
-// ---- debugging ------------------------------------------------------------------------
 
 struct LevelCase {
     const char* line;
@@ -181,12 +175,9 @@ TEST_P(CliDebugLevel, BecomesTheLogLevelCommand) {
 INSTANTIATE_TEST_SUITE_P(
     Levels, CliDebugLevel,
     ::testing::Values(LevelCase{"debug ipv6 dhcp", true, 1, 7}, LevelCase{"no debug ipv6 dhcp", true, 0, 6},
-                      LevelCase{"debug ipv6 dhcp level 1", true, 1, 1},
-                      LevelCase{"debug ipv6 dhcp level 7", true, 1, 7},
-                      LevelCase{"debug ipv6 dhcp level 24", true, 1, 24},
-                      LevelCase{"debug ipv6 dhcp level 0", false, 0, 0},
-                      LevelCase{"debug ipv6 dhcp level 8", false, 0, 0},
-                      LevelCase{"debug ipv6 dhcp level 23", false, 0, 0},
+                      LevelCase{"debug ipv6 dhcp level 1", true, 1, 1}, LevelCase{"debug ipv6 dhcp level 7", true, 1, 7},
+                      LevelCase{"debug ipv6 dhcp level 24", true, 1, 24}, LevelCase{"debug ipv6 dhcp level 0", false, 0, 0},
+                      LevelCase{"debug ipv6 dhcp level 8", false, 0, 0}, LevelCase{"debug ipv6 dhcp level 23", false, 0, 0},
                       LevelCase{"debug ipv6 dhcp level 25", false, 0, 0},
                       LevelCase{"debug ipv6 dhcp level 4294967303", false, 0, 0},
                       LevelCase{"debug ipv6 dhcp level -1", false, 0, 0}));
@@ -202,7 +193,8 @@ class CliDebugFlags : public ::testing::TestWithParam<FlagsCase> {};
 
 TEST_P(CliDebugFlags, BecomeTheDebugFlagWord) {
     const FlagsCase& c = GetParam();
-    const std::string line = std::string("debug ipv6 dhcp flags ") + c.value;
+    const std::string line = *c.value ? std::string("debug ipv6 dhcp flags ") + c.value
+                                      : "no debug ipv6 dhcp flags";
     if (!c.accepted) {
         EXPECT_NE(parseErr(line, false).find("invalid debug flags"), std::string::npos);
         return;
@@ -213,23 +205,17 @@ TEST_P(CliDebugFlags, BecomeTheDebugFlagWord) {
     EXPECT_EQ(word(msg, 80), c.flags);
 }
 
-INSTANTIATE_TEST_SUITE_P(Values, CliDebugFlags,
-                         ::testing::Values(FlagsCase{"0x10010", true, 0x10010}, FlagsCase{"65552", true, 0x10010},
-                                           FlagsCase{"0XFFFFFFFF", true, 0xFFFFFFFF},
-                                           FlagsCase{"4294967295", true, 0xFFFFFFFF},
-                                           FlagsCase{"0", true, 0}, FlagsCase{"0x100000000", false, 0},
-                                           FlagsCase{"4294967296", false, 0}, FlagsCase{"0x", false, 0},
-                                           FlagsCase{"1f", false, 0}, FlagsCase{"0x1g", false, 0}));
+// An empty value stands for the no form, which clears every flag.
+INSTANTIATE_TEST_SUITE_P(
+    Values, CliDebugFlags,
+    ::testing::Values(FlagsCase{"0x10010", true, 0x10010}, FlagsCase{"65552", true, 0x10010},
+                      FlagsCase{"0XFFFFFFFF", true, 0xFFFFFFFF}, FlagsCase{"4294967295", true, 0xFFFFFFFF},
+                      FlagsCase{"0", true, 0}, FlagsCase{"", true, 0}, FlagsCase{"0x100000000", false, 0},
+                      FlagsCase{"4294967296", false, 0}, FlagsCase{"0x", false, 0}, FlagsCase{"1f", false, 0},
+                      FlagsCase{"0x1g", false, 0}));
 
-TEST(CliDebugFlagsOff, NoFormClearsEveryFlag) {
-    const auto msg = cliEncodeDebugFlag(kInstance, parseOk("no debug ipv6 dhcp flags", false));
-    EXPECT_EQ(word(msg, 80), 0u);
-}
 
-// ---- a saved configuration replays ------------------------------------------------
-
-// The lines the configuration store prints, in the order it prints them,
-// each with what it must become.
+// The configuration store's lines, in its order, each with what it must become.
 TEST(CliReplay, EveryRunningConfigLineIsACommand) {
     struct Line {
         const char* text;
@@ -272,7 +258,6 @@ TEST(CliReplay, InterfaceNamesComeBackAsTheIfmPrintsThem) {
     EXPECT_EQ(parseOk("interface port-channel   5", false).ifName, "port-channel 5");
 }
 
-// ---- refused input -----------------------------------------------------------------
 
 struct RefusedCase {
     const char* line;
@@ -310,7 +295,6 @@ INSTANTIATE_TEST_SUITE_P(
         RefusedCase{"debug ipv6 dhcp flags", false, "% Unknown command: debug ipv6 dhcp flags"},
         RefusedCase{"no debug ipv6 dhcp level 7", false, "% Unknown command: no debug ipv6 dhcp level 7"}));
 
-// ---- chassis requests ----------------------------------------------------------------
 
 TEST(CliIfmLookup, NameFieldKeepsItsTerminatingZero) {
     std::vector<uint8_t> msg;
@@ -334,7 +318,6 @@ TEST(CliShowRequests, AskTheStoreAndTheAclManagerWithRoomForLongAnswers) {
     EXPECT_EQ(acl.size(), 8192u);
 }
 
-// ---- answers ----------------------------------------------------------------------------
 
 // A store's answer for one piece: status, total length, piece length, text.
 std::vector<uint8_t> showAnswer(size_t bufferLen, uint32_t length, int32_t status, uint32_t total,
@@ -417,7 +400,7 @@ std::vector<uint8_t> aclAnswer(uint32_t count, const std::vector<std::pair<uint3
     return a;
 }
 
-TEST(CliAclAnswer, ListsEachTrapProtocolWithItsName) {
+TEST(CliAclAnswer, ListsEachTrapProtocolWithItsNameAndRefusesACountBeyondTheAnswer) {
     std::vector<CliAclTrap> traps;
     ASSERT_TRUE(cliDecodeAclShow(aclAnswer(2, {{30, 1}, {39, 0}}, 84 + 16), traps));
     ASSERT_EQ(traps.size(), 2u);
@@ -427,10 +410,6 @@ TEST(CliAclAnswer, ListsEachTrapProtocolWithItsName) {
     EXPECT_EQ(traps[1].protocol, 39u);
     EXPECT_FALSE(traps[1].enabled);
     EXPECT_STREQ(cliAclProtocolName(traps[1].protocol), "dhcpv6-snooping");
-}
-
-TEST(CliAclAnswer, CountBeyondTheAnswerIsRefused) {
-    std::vector<CliAclTrap> traps;
     EXPECT_FALSE(cliDecodeAclShow(aclAnswer(3, {{30, 1}, {39, 0}}, 84 + 16), traps))
         << "three pairs claimed, two sent";
     EXPECT_FALSE(cliDecodeAclShow(aclAnswer(0xFFFFFFFF, {}, 8192), traps));

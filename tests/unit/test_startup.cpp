@@ -1,15 +1,8 @@
-// Start-up, registrations and the event loop as the other processes and an
-// operator see them: the exact registration requests, the retries until a
-// peer accepts, which failures end start-up, and what one pass of the loop
-// serves and in which order.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
+// Start-up, registrations and the event loop as peers and an operator see
+// them: the registration requests, the retries until a peer accepts, which
+// failures end start-up, and what one pass of the loop serves and in what order.
 #include <algorithm>
 #include <functional>
-#include <ostream>
-#include <string>
-#include <vector>
 
 #include "dhcpv6RelayEvents.h"
 #include "relaymgr_fixture.h"
@@ -20,9 +13,8 @@ using namespace relaytest;
 using ::testing::internal::CaptureStdout;
 using ::testing::internal::GetCapturedStdout;
 
-// Task identifier 337 is the timer task's. Held by a task that never runs
-// the wheel, the start-up's spawn of the timer task finds it taken, and the
-// tests drive the wheel themselves.
+// Holding the timer task's identifier (337) keeps start-up from spawning a
+// timer task; the tests drive the wheel themselves.
 void holdTimerTaskId() {
     static const int held = qor_taskSpawnP(
         DHCPV6_TIMER_TASK_ID, 0, "timer-id-holder", 200, 0, 16000,
@@ -64,8 +56,6 @@ private:
 
 bool hasEvent(const std::string& log, const char* name) { return log.find(name) != std::string::npos; }
 
-// ---- registration requests ------------------------------------------------------------
-
 class Registration : public RelayFixture {};
 
 TEST_F(Registration, IfmRequestCarriesTheRelayIdentityAndTheServiceMasks) {
@@ -76,25 +66,24 @@ TEST_F(Registration, IfmRequestCarriesTheRelayIdentityAndTheServiceMasks) {
               (std::vector<int64_t>{dhcpv6RelayGlobalVar.ipcReqQueue, 2632, 50, 10802, 0}));
     const auto& r = sends[0].bytes;
     ASSERT_EQ(r.size(), 2632u);
-    EXPECT_EQ(qor::u32At(r, QOR_IPC_OFF_LENGTH), 2632u);
-    EXPECT_EQ(qor::u32At(r, QOR_IPC_OFF_TYPE), 10802u);
-    EXPECT_EQ(qor::u32At(r, QOR_IPC_OFF_SRC_ADDR), qor_sysGetIpAddr());
-    EXPECT_EQ(qor::u32At(r, QOR_IPC_OFF_SRC_QUEUE), qor_getQueueId(336, 0, 1));
-    EXPECT_EQ(qor::u32At(r, QOR_IPC_OFF_DST_QUEUE), qor_getQueueId(138, 0, 1));
-    EXPECT_EQ(qor::u32At(r, 60), 0u);
-    EXPECT_EQ(qor::u32At(r, 1952), 0u);
-    EXPECT_EQ(qor::u16At(r, 1956), 336);
-    EXPECT_EQ(qor::u16At(r, 1958), 0);
-    EXPECT_EQ(qor::u32At(r, 1960), 0u);
-    EXPECT_EQ(qor::u32At(r, 1964), qor_sysGetIpAddr());
-    EXPECT_EQ(qor::u32At(r, 1968), qor_getQueueId(336, 0, 1));
-    EXPECT_EQ(qor::u32At(r, 1976), 51u);
+    const uint32_t ip = qor_sysGetIpAddr(), me = qor_getQueueId(336, 0, 1);
+    const std::pair<size_t, uint32_t> words[] = {
+        {QOR_IPC_OFF_LENGTH, 2632}, {QOR_IPC_OFF_TYPE, 10802}, {QOR_IPC_OFF_SRC_ADDR, ip},
+        {QOR_IPC_OFF_SRC_QUEUE, me}, {QOR_IPC_OFF_DST_QUEUE, qor_getQueueId(138, 0, 1)},
+        {60, 0}, {1952, 0}, {1956, 336u << 16}, {1960, 0}, {1964, ip}, {1968, me}, {1976, 51},
+        {2596, 0}, {2616, 0xFFFFFFFF}};
+    for (const auto& [off, value] : words) EXPECT_EQ(qor::u32At(r, off), value) << "offset " << off;
     EXPECT_EQ(qor::u16At(r, 1980), 0);
-    EXPECT_EQ(qor::u32At(r, 2596), 0u);
-    EXPECT_EQ(qor::u32At(r, 2616), 0xFFFFFFFFu);
     for (int type = 0; type <= QOR_IFM_REG_MAX_TYPE; ++type)
         EXPECT_EQ(qor::u32At(r, QOR_IFM_REG_OFF_MASKS + 4 * size_t(type)), type == 11 ? 0x3C0000u : 0u)
             << "service type " << type;
+}
+
+// The IFM's answer to a registration, with its result word.
+std::vector<uint8_t> ifmAnswer(uint32_t result) {
+    std::vector<uint8_t> a(2632, 0);
+    qor::putU32(a, 1952, result);
+    return a;
 }
 
 struct IfmRefusal {
@@ -117,32 +106,23 @@ INSTANTIATE_TEST_SUITE_P(
     Refusals, IfmRefused,
     ::testing::Values(
         IfmRefusal{"the IFM answers a non-zero result",
-                   [] {
-                       std::vector<uint8_t> answer(2632, 0);
-                       qor::putU32(answer, 1952, 3);
-                       qorfake::setNextAnswer("qorIpcSendWait", answer);
-                   },
-                   -1, "DHCPV6_EVT_IPC_REQUEST_FAILED"},
-        IfmRefusal{"no answer in time",
-                   [] { qorfake::setNextResult("qorIpcSendWait", -2); }, -1,
+                   [] { qorfake::setNextAnswer("qorIpcSendWait", ifmAnswer(3)); }, -1,
+                   "DHCPV6_EVT_IPC_REQUEST_FAILED"},
+        IfmRefusal{"no answer in time", [] { qorfake::setNextResult("qorIpcSendWait", -2); }, -1,
                    "DHCPV6_EVT_IPC_REQUEST_FAILED"},
         IfmRefusal{"the relay's own address is unknown",
                    [] { qorfake::setNextResult("qor_tmeGetPeerIpAddrByName", -2); }, -2,
                    "DHCPV6_EVT_PEER_ADDR_FAILED"},
         IfmRefusal{"the IFM's address is unknown",
                    [] {
-                       qorfake::setNextResult("qor_tmeGetPeerIpAddrByName", 0);
-                       qorfake::setNextResult("qor_tmeGetPeerIpAddrByName", 0);
-                       qorfake::setNextResult("qor_tmeGetPeerIpAddrByName", -1);
+                       for (int r : {0, 0, -1}) qorfake::setNextResult("qor_tmeGetPeerIpAddrByName", r);
                    },
                    -1, "DHCPV6_EVT_PEER_ADDR_FAILED"}));
 
 TEST_F(Registration, IfmRegistrationIsRetriedEverySecondUntilAccepted) {
     qorfake::setNextResult("qorSwpQueueCreateQs", -1);
     qorfake::setNextResult("qorSwpQueueCreateQs", -1);
-    std::vector<uint8_t> refused(2632, 0);
-    qor::putU32(refused, 1952, 1);
-    qorfake::setNextAnswer("qorIpcSendWait", refused);
+    qorfake::setNextAnswer("qorIpcSendWait", ifmAnswer(1));
     dhcpv6_debug_flag = DHCPV6_DBG_INIT;
     CaptureStdout();
     {
@@ -235,8 +215,6 @@ INSTANTIATE_TEST_SUITE_P(TrustedUntrustedRefused, TrustNotice,
                          ::testing::Values(TrustCase{1, 0, 0}, TrustCase{0, 0, 0},
                                            TrustCase{1, 4, -1}));
 
-// ---- MRTM ----------------------------------------------------------------------------------
-
 class Mrtm : public RelayFixture {
 protected:
     std::vector<uint8_t> response(uint32_t index, bool success = true, uint32_t count = 1,
@@ -280,6 +258,10 @@ TEST_F(Mrtm, RegistrationAndTheFirstIndexRequest) {
     EXPECT_EQ(qor::u32At(req[0].bytes, 128), 1u) << "the client id MRTM gave";
     EXPECT_EQ(qor::u32At(req[0].bytes, 140), 0u) << "allocate";
     EXPECT_EQ(qor::u32At(req[0].bytes, 148), 1u) << "one index";
+    // A non-zero first index is kept.
+    EXPECT_EQ(answer(response(9)), "Got 9 as l2mc index\r\n");
+    EXPECT_EQ(dhcpv6RelayGlobalVar.mcastGroupIdx, 9u);
+    EXPECT_EQ(requests().size(), 1u);
 }
 
 struct MrtmFailure {
@@ -338,18 +320,11 @@ TEST_F(Mrtm, IndexZeroIsHeldWhileASecondIsAllocatedAndThenReleased) {
     EXPECT_EQ(dhcpv6RelayGlobalVar.mcastGroupIdx, 5u);
 }
 
-TEST_F(Mrtm, ANonZeroFirstIndexIsKept) {
-    ASSERT_EQ(dhcpv6RegWithMrtmIdx(), 0);
-    EXPECT_EQ(answer(response(9)), "Got 9 as l2mc index\r\n");
-    EXPECT_EQ(dhcpv6RelayGlobalVar.mcastGroupIdx, 9u);
-    EXPECT_EQ(requests().size(), 1u);
-}
-
 struct McidxCase {
     const char* what;
-    bool primary;
-    bool success;
+    bool primary, success;
     uint32_t count;
+    int sequence;  // the SWP layer's verdict on the response's sequence number
     const char* printed;
     bool failedEvent;
 };
@@ -358,19 +333,27 @@ void PrintTo(const McidxCase& c, std::ostream* os) { *os << c.what; }
 class McidxIgnored : public Mrtm, public ::testing::WithParamInterface<McidxCase> {};
 
 TEST_P(McidxIgnored, GrantsNoIndex) {
-    qorHaSetPrimary(GetParam().primary);
-    EXPECT_EQ(answer(response(4, GetParam().success, GetParam().count)), GetParam().printed);
+    const McidxCase& c = GetParam();
+    qorHaSetPrimary(c.primary);
+    qorfake::setNextResult("qorSwpCkSeqAndAck", c.sequence);
+    auto m = response(4, c.success, c.count);
+    dhcpv6_debug_flag = DHCPV6_DBG_MRTM | DHCPV6_DBG_EVENT;
+    CaptureStdout();
+    dispatch(m);
+    EXPECT_EQ(GetCapturedStdout(), c.printed);
     EXPECT_EQ(dhcpv6RelayGlobalVar.mcastGroupIdx, 0u);
-    EXPECT_EQ(hasEvent(eventLog(), "DHCPV6_EVT_MCIDX_RESP_FAILED"), GetParam().failedEvent);
+    EXPECT_EQ(hasEvent(eventLog(), "DHCPV6_EVT_MCIDX_RESP_FAILED"), c.failedEvent);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Responses, McidxIgnored,
-    ::testing::Values(McidxCase{"on the standby", false, true, 1, "Secondary.. so returning \r", false},
-                      McidxCase{"failed", true, false, 1, " Response failed \r", true},
-                      McidxCase{"two indexes", true, true, 2, "Incorrect no of indexes \r", false}));
-
-// ---- start-up -----------------------------------------------------------------------------
+    ::testing::Values(
+        McidxCase{"on the standby", false, true, 1, QOR_SWP_IN_ORDER, "Secondary.. so returning \r", false},
+        McidxCase{"failed", true, false, 1, QOR_SWP_IN_ORDER, " Response failed \r", true},
+        McidxCase{"two indexes", true, true, 2, QOR_SWP_IN_ORDER, "Incorrect no of indexes \r", false},
+        McidxCase{"duplicate", true, true, 1, QOR_SWP_DUPLICATE, "", false},
+        McidxCase{"out of order", true, true, 1, QOR_SWP_OUT_OF_ORDER, "SWP_FAILURE_SEQ \r", false},
+        McidxCase{"unknown sequence verdict", true, true, 1, 1, "SWP_FAILURE_SEQ \r", false}));
 
 class Startup : public RelayFixture {
 protected:
@@ -490,25 +473,17 @@ INSTANTIATE_TEST_SUITE_P(
                        [] { qorfake::setResult("qorRtmRegisterAddrFamily_vrf", 1); },
                        {"dhcpv6RelayMgrMain: line #:dhcpv6RelayMgrRtmInit failed "}, nullptr}));
 
-TEST_F(Startup, UnboundProtocolSocketIsClosed) {
+TEST_F(Startup, UnboundProtocolSocketIsClosedAndTracedOnlyUnderTheInitBit) {
     qorfake::setNextResult("qorBind", -1);
+    TraceCapture traces(DHCPV6_TRACE_RECV);
     EXPECT_EQ(startup(), -1);
-    const auto sockets = since("qorSocket");
-    ASSERT_EQ(sockets.size(), 1u);
+    EXPECT_TRUE(traces.lines().empty());
+    ASSERT_EQ(since("qorSocket").size(), 1u);
     const auto closes = since("qorClose");
     ASSERT_EQ(closes.size(), 1u);
     EXPECT_EQ(closes[0].ints[0], since("qorBind").at(0).ints[0]);
     EXPECT_EQ(dhcpv6RelayGlobalVar.protoSockFd, 0);
 }
-
-TEST_F(Startup, StartupFailureTracesOnlyWhenTheTraceBitIsSet) {
-    qorfake::setNextResult("qorSocket", -1);
-    TraceCapture traces(DHCPV6_TRACE_RECV);
-    EXPECT_EQ(startup(), -1);
-    EXPECT_TRUE(traces.lines().empty());
-}
-
-// ---- the event loop --------------------------------------------------------------------------
 
 class Loop : public Startup {
 protected:
