@@ -8,28 +8,9 @@
 #include "qor/mrtm.h"
 #include "qor/swp.h"
 
-namespace {
-
-constexpr uint32_t kMrtmIndexRequest = 15672;
-
-// Index request and response fields.
-constexpr size_t kIdxOffClientId = 128;
-constexpr size_t kIdxOffOperation = 140;   // request: 0 allocate, 1 release
-constexpr size_t kIdxOffCount = 148;
-constexpr size_t kIdxOffReleaseIndex = 160;
-constexpr size_t kIdxRequestLen = 164;
-constexpr size_t kRespOffRelease = 4 * 35;
-constexpr size_t kRespOffSuccess = 4 * 38;
-constexpr size_t kRespOffCount = 4 * 39;
-constexpr size_t kRespOffIndex = 4 * 40;
-constexpr size_t kRespLen = 168;
-constexpr uint32_t kOpRelease = 1;
-
-}  // namespace
-
 const ChassisHandler<ChassisMrtm> ChassisMrtm::kHandlers[] = {
     {MT_MRTM_REGISTER, MRTM_REG_OFF_CLIENT_ID + 4, true, &ChassisMrtm::mrtmRegister},
-    {kMrtmIndexRequest, kIdxRequestLen, false, &ChassisMrtm::mrtmIndexRequest},
+    {MT_MRTM_MCIDX_REQ, MRTM_IDX_REQ_LEN, false, &ChassisMrtm::mrtmIndexRequest},
     {MT_SWP_ACK, QOR_IPC_HDR_LEN, false, &ChassisMrtm::mrtmAck},
 };
 
@@ -69,23 +50,23 @@ uint32_t ChassisMrtm::mrtmAllocate() {
 uint32_t ChassisMrtm::mrtmClientQueue(const ChassisMsg& request) const {
     const uint32_t source = qor::u32At(request, QOR_IPC_OFF_SRC_QUEUE);
     if (chassisQueueApplication(source) != 0) return source;
-    const auto it = clientQueues_.find(qor::u32At(request, kIdxOffClientId));
+    const auto it = clientQueues_.find(qor::u32At(request, MRTM_IDX_OFF_CLIENT_ID));
     if (it != clientQueues_.end()) return it->second;
     return qor_getQueueId(QOR_APP_RELAYMGR, instance(), QOR_QUEUE_REQUEST);
 }
 
 void ChassisMrtm::mrtmIndexRequest(ChassisMsg& msg) {
     if (chassisSwpAccept(msg) != QOR_SWP_IN_ORDER) return;
-    const uint32_t clientId = qor::u32At(msg, kIdxOffClientId);
+    const uint32_t clientId = qor::u32At(msg, MRTM_IDX_OFF_CLIENT_ID);
     const uint32_t dst = mrtmClientQueue(msg);
-    if (qor::u32At(msg, kIdxOffOperation) == kOpRelease) {
+    if (qor::u32At(msg, MRTM_IDX_OFF_OPERATION) == MRTM_IDX_RELEASE) {
         // Releasing an index nobody holds (0 included) leaves nothing to undo.
-        indexes_.erase(qor::u32At(msg, kIdxOffReleaseIndex));
-        mrtmRespond(dst, clientId, true, true, 1, qor::u32At(msg, kIdxOffReleaseIndex));
+        indexes_.erase(qor::u32At(msg, MRTM_IDX_OFF_RELEASE_INDEX));
+        mrtmRespond(dst, clientId, true, true, 1, qor::u32At(msg, MRTM_IDX_OFF_RELEASE_INDEX));
         return;
     }
     // One response word holds the index: a request for more is refused.
-    if (qor::u32At(msg, kIdxOffCount) != 1) {
+    if (qor::u32At(msg, MRTM_IDX_OFF_COUNT) != 1) {
         mrtmRespond(dst, clientId, false, false, 0, 0);
         return;
     }
@@ -94,13 +75,13 @@ void ChassisMrtm::mrtmIndexRequest(ChassisMsg& msg) {
 
 void ChassisMrtm::mrtmRespond(uint32_t dstQueueId, uint32_t clientId, bool release, bool success,
                               uint32_t count, uint32_t index) {
-    ChassisMsg resp(kRespLen, 0);
+    ChassisMsg resp(MRTM_RESP_LEN, 0);
     qor::putU32(resp, QOR_SWP_OFF_QUEUE, queueId());
-    qor::putU32(resp, kIdxOffClientId, clientId);
-    qor::putU32(resp, kRespOffRelease, release ? 1 : 0);
-    qor::putU32(resp, kRespOffSuccess, success ? 1 : 0);
-    qor::putU32(resp, kRespOffCount, count);
-    qor::putU32(resp, kRespOffIndex, index);
+    qor::putU32(resp, MRTM_IDX_OFF_CLIENT_ID, clientId);
+    qor::putU32(resp, MRTM_RESP_OFF_RELEASE, release ? 1 : 0);
+    qor::putU32(resp, MRTM_RESP_OFF_SUCCESS, success ? 1 : 0);
+    qor::putU32(resp, MRTM_RESP_OFF_COUNT, count);
+    qor::putU32(resp, MRTM_RESP_OFF_INDEX, index);
     // Sequence numbers start at 1 for each client queue, as an SWP queue's do.
     uint32_t& seq = sendSeq_[dstQueueId];
     qor::putU32(resp, QOR_SWP_OFF_SEQ, ++seq);

@@ -19,20 +19,6 @@ uint8_t isL2McZero = 0;
 namespace {
 
 constexpr const char kClientName[] = "DHCPV6 MCIDX Clnt";
-constexpr uint32_t kMrtmIndexRequest = 15672;
-constexpr uint32_t kIdxRequestLen = 168;
-constexpr size_t kIdxOffClientId = 128;
-constexpr size_t kIdxOffOperation = 140;
-constexpr size_t kIdxOffZero = 144;
-constexpr size_t kIdxOffCount = 148;
-constexpr size_t kIdxOffReleaseIndex = 160;
-constexpr uint32_t kIdxAllocate = 0;
-constexpr uint32_t kIdxRelease = 1;
-// Response words, counted from the start of the message.
-constexpr size_t kRespOffRelease = 4 * 35;
-constexpr size_t kRespOffSuccess = 4 * 38;
-constexpr size_t kRespOffCount = 4 * 39;
-constexpr size_t kRespOffIndex = 4 * 40;
 
 auto& g = dhcpv6RelayGlobalVar;
 
@@ -72,22 +58,22 @@ int mrtmRegisterClient() {
 // Queues an index request (allocate one, or release `index`). 0 or -1; the
 // block is freed when the queue refuses it.
 int mrtmSendIndexRequest(uint32_t operation, uint32_t index) {
-    void* block = dhcpV6RelayMgrSwpMalloc(kIdxRequestLen);
+    void* block = dhcpV6RelayMgrSwpMalloc(MRTM_IDX_REQ_LEN);
     if (block == nullptr) {
         mrtmDbg("Alloc failed \r");
         return -1;
     }
-    std::memset(block, 0, kIdxRequestLen);
+    std::memset(block, 0, MRTM_IDX_REQ_LEN);
     uint32_t templ[3];
     headerTemplate(templ);
-    const qor::MutByteView m(static_cast<uint8_t*>(block), kIdxRequestLen);
-    mrtmapiBuildIpcHdr(m.data(), kMrtmIndexRequest, kIdxRequestLen, templ);
-    qor::putU32(m, kIdxOffClientId, g.mrtmClientId);
-    qor::putU32(m, kIdxOffOperation, operation);
-    qor::putU32(m, kIdxOffZero, 0);
-    qor::putU32(m, kIdxOffCount, 1);
-    if (operation == kIdxRelease) qor::putU32(m, kIdxOffReleaseIndex, index);
-    if (qorSwpEnqueue(g.mrtmSwpQueue, block, kIdxRequestLen) != 0) {
+    const qor::MutByteView m(static_cast<uint8_t*>(block), MRTM_IDX_REQ_LEN);
+    mrtmapiBuildIpcHdr(m.data(), MT_MRTM_MCIDX_REQ, MRTM_IDX_REQ_LEN, templ);
+    qor::putU32(m, MRTM_IDX_OFF_CLIENT_ID, g.mrtmClientId);
+    qor::putU32(m, MRTM_IDX_OFF_OPERATION, operation);
+    qor::putU32(m, MRTM_IDX_OFF_ZERO, 0);
+    qor::putU32(m, MRTM_IDX_OFF_COUNT, 1);
+    if (operation == MRTM_IDX_RELEASE) qor::putU32(m, MRTM_IDX_OFF_RELEASE_INDEX, index);
+    if (qorSwpEnqueue(g.mrtmSwpQueue, block, MRTM_IDX_REQ_LEN) != 0) {
         mrtmDbg("qorSwpEnqueue failed \r");
         dhcpV6RelayMgrSwpFree(block);
         return -1;
@@ -111,7 +97,7 @@ int dhcpv6RegWithMrtmIdx() {
         mrtmDbg("Mrtm - Swp Q creation failed \r");
         return -1;
     }
-    if (mrtmSendIndexRequest(kIdxAllocate, 0) != 0) return -1;
+    if (mrtmSendIndexRequest(MRTM_IDX_ALLOCATE, 0) != 0) return -1;
     mrtmDbg("qorSwpEnqueue to mrtm is success\r");
     return 0;
 }
@@ -127,20 +113,20 @@ int dhcpv6MrtmMcidxResp(dhcpv6Msg response) {
         mrtmDbg("Secondary.. so returning \r");
         return 0;
     }
-    if ((qor::u32At(response, kRespOffSuccess) & 1) == 0) {
+    if ((qor::u32At(response, MRTM_RESP_OFF_SUCCESS) & 1) == 0) {
         mrtmDbg(" Response failed \r");
         qorSysErr(g.evtLogHandle, 0, DHCPV6_EVT_MCIDX_RESP_FAILED, 0u);
         return -1;
     }
-    if (qor::u32At(response, kRespOffRelease) == 1) {
+    if (qor::u32At(response, MRTM_RESP_OFF_RELEASE) == 1) {
         mrtmDbg("MCIndex release success\r");
         return 0;
     }
-    if (qor::u32At(response, kRespOffCount) != 1) {
+    if (qor::u32At(response, MRTM_RESP_OFF_COUNT) != 1) {
         mrtmDbg("Incorrect no of indexes \r");
         return 0;
     }
-    g.mcastGroupIdx = qor::u32At(response, kRespOffIndex);
+    g.mcastGroupIdx = qor::u32At(response, MRTM_RESP_OFF_INDEX);
     if (dhcpv6Dbg(DHCPV6_DBG_MRTM)) printf("Got %d as l2mc index\r\n", int(g.mcastGroupIdx));
     if (g.mcastGroupIdx != 0 && isL2McZero == 0) return dhcpv6MrtmAclMcastGroupCreate();
     // Index 0 means "no group" to the rest of the daemon: it is held while a
@@ -149,7 +135,7 @@ int dhcpv6MrtmMcidxResp(dhcpv6Msg response) {
     mrtmDbg("Invalid l2mc index.. Re-registering again with mrtm \r");
     const bool release = isL2McZero != 0;
     isL2McZero = release ? 0 : 1;
-    if (mrtmSendIndexRequest(release ? kIdxRelease : kIdxAllocate, 0) != 0) {
+    if (mrtmSendIndexRequest(release ? MRTM_IDX_RELEASE : MRTM_IDX_ALLOCATE, 0) != 0) {
         qorSysErr(g.evtLogHandle, 0, DHCPV6_EVT_MCIDX_REQ_FAILED, 0u);
         return -1;
     }

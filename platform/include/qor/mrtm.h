@@ -18,6 +18,22 @@ constexpr size_t MRTM_REG_NAME_LEN = 16;
 constexpr size_t MRTM_REG_OFF_QUEUE = 96;        // the client's queue identifier (qor_getQueueId)
 constexpr size_t MRTM_REG_OFF_NAME_LENGTH = 100; // 16
 
+// Index request (type MT_MRTM_MCIDX_REQ over SWP) and response (MT_MRTM_MCIDX_RESP).
+constexpr uint32_t MT_MRTM_MCIDX_REQ = 15672;
+constexpr size_t MRTM_IDX_REQ_LEN = 168;
+constexpr size_t MRTM_IDX_OFF_CLIENT_ID = 128;
+constexpr size_t MRTM_IDX_OFF_OPERATION = 140;     // 0 allocate, 1 release
+constexpr size_t MRTM_IDX_OFF_ZERO = 144;
+constexpr size_t MRTM_IDX_OFF_COUNT = 148;
+constexpr size_t MRTM_IDX_OFF_RELEASE_INDEX = 160;
+constexpr uint32_t MRTM_IDX_ALLOCATE = 0;
+constexpr uint32_t MRTM_IDX_RELEASE = 1;
+constexpr size_t MRTM_RESP_OFF_RELEASE = 4 * 35;   // 1: the answer to a release
+constexpr size_t MRTM_RESP_OFF_SUCCESS = 4 * 38;   // bit 0
+constexpr size_t MRTM_RESP_OFF_COUNT = 4 * 39;
+constexpr size_t MRTM_RESP_OFF_INDEX = 4 * 40;
+constexpr size_t MRTM_RESP_LEN = 168;
+
 // Fills the IPC header of an MRTM message: type, length, and the source and
 // destination words (the daemon's identity from `templ`: service, queue,
 // instance). 0 or -1 (short buffer).
