@@ -228,7 +228,7 @@ void addBindings() {
         std::memcpy(e->ipv6Addr, prefix, sizeof prefix);
         const uint8_t mac[6] = {0x00, 0x11, 0x22, 0x33, 0x44, i};
         std::memcpy(e->macAddr, mac, sizeof mac);
-        e->phyIfIndex = ifmCreateIfIndex(IFM_IFTYPE_ETHERNET, 1, i, 0);
+        e->phyIfIndex = ifmEthernetIfIndex(1, i, 0);
         e->leaseTime = 3600;
         e->learnType = DHCPV6_LEARN_DYNAMIC;
         e->prefixLen = 128;

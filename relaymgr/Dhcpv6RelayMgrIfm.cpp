@@ -9,7 +9,7 @@
 #include "dhcpv6RelayMgr.h"
 #include "dhcpv6RelayMsgs.h"
 #include "dhcpv6Snooping.h"
-#include "dhcpv6TlvCursor.h"
+#include "qor/tlv.h"
 #include "qor/bytes.h"
 #include "qor/cfg.h"
 #include "qor/chassis.h"

@@ -196,7 +196,7 @@ struct TrustCase {
 class TrustNotice : public Registration, public ::testing::WithParamInterface<TrustCase> {};
 
 TEST_P(TrustNotice, TellsTheIfmThePortsTrustAndReportsARefusal) {
-    const uint32_t port = ifmCreateIfIndex(IFM_IFTYPE_ETHERNET, 2, 7, 0);
+    const uint32_t port = ifmEthernetIfIndex(2, 7, 0);
     qorfake::setNextResult("qorPortCfgNotif", GetParam().refusal);
     dhcpv6_debug_flag = DHCPV6_DBG_EVENT;
     CaptureStdout();
@@ -535,7 +535,7 @@ TEST_F(Loop, IpcMessageAndPacketReadyTogetherAreBothServedIpcFirst) {
     markCalls();
     qorfake::queueIncoming(typeMsg(46405, 80));
     poke(reqPipe[1]);
-    const uint32_t port = ifmCreateIfIndex(IFM_IFTYPE_ETHERNET, 1, 2, 0);
+    const uint32_t port = ifmEthernetIfIndex(1, 2, 0);
     qorfake::setNextAnswer("qorRecvfrom4", frame(vlanIf(10), port, port, 60));
     poke(protoPipe[1]);
     dhcpv6_debug_flag = DHCPV6_DBG_EVENT;

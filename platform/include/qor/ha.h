@@ -8,3 +8,6 @@
 
 int qorHaIsPrimaryRpm();            // 1 primary, 0 standby
 void qorHaSetPrimary(bool primary);
+// The chassis MAC: the host map's chassis-mac, else the MAC of the first
+// mapped port. 0 and the six bytes, or -1 when there is none.
+int qorHaGetChassisMacAddr(uint8_t mac[6]);

@@ -112,6 +112,10 @@ uint32_t ifmCreateIfIndex(uint32_t type, uint32_t slot, uint32_t port, uint32_t 
     }
 }
 
+uint32_t ifmEthernetIfIndex(uint32_t slot, uint32_t mainPort, uint32_t subPort) {
+    return makePort(IFM_IFTYPE_ETHERNET, slot, mainPort, subPort);
+}
+
 uint32_t ifmIfIndexToIfType(uint32_t ifIndex) { return ifIndex >> kTypeShift; }
 
 uint32_t ifmIfIndexToSlotId(uint32_t ifIndex) {

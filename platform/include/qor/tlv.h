@@ -1,4 +1,4 @@
-// dhcpv6TlvCursor.h -- the one bounded walker over type-length-value lists
+// qor/tlv.h -- the one bounded walker over type-length-value lists
 // (DHCPv6 options, IFM notification TLVs).
 //
 // Each step answers one of three things: an item (its code and a data span
