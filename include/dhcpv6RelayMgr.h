@@ -284,5 +284,72 @@ int dhcpXmlProcCliDispIpv6DhcpSnoopBind(dhcpv6Msg message);
 int dhcpXmlProcCliDispIpv6DhcpSnoopBindCnt(dhcpv6Msg message);
 
 // ---- Dhcpv6RelayMgrPktRelay ------------------------------------------------------------------------
-int dhcpv6RelayStart(uint8_t* packet, int length, uint32_t logicalIfIndex, uint32_t recvIfIndex,
-                     uint32_t physIfIndex);
+constexpr size_t DHCPV6_L2_HDR_LEN = 18;      // the link header every received frame starts with
+constexpr uint32_t DHCPV6_CLIENT_PORT = 546;
+constexpr uint32_t DHCPV6_SERVER_PORT = 547;
+constexpr uint32_t DHCPV6_MAX_HOP_COUNT = 32;  // relay levels forwarded (not the RFC's 8)
+constexpr size_t DHCPV6_IFID_TEXT_LEN = 29;    // Interface-ID text buffer, terminator included
+constexpr size_t DHCPV6_MAX_RELAY_MSG = 12000; // the option writer's limit
+
+// The interface a packet is taken to belong to; zeroed before each packet.
+struct dhcpv6PktIfInfo {
+    uint32_t ifIndex;
+    uint8_t linkAddr[16];
+    uint32_t logicalIfIndex;
+    uint32_t recvPortIfIndex;
+    uint32_t physicalIfIndex;
+    uint8_t noGlobalAddr;
+};
+
+// The frame being recorded: the frame, its IPv6 header, UDP header, DHCPv6 message.
+struct dhcpv6MsgPtrs {
+    uint8_t* frame;
+    uint8_t* ip6;
+    uint8_t* udp;
+    uint8_t* dhcp;
+};
+extern dhcpv6MsgPtrs dhcpv6MsgOut;
+extern uint8_t mac_addr[6];
+extern uint8_t chassisMacPresent;
+
+uint32_t dhcpv6RelayStart(uint8_t* packet, uint32_t length, uint32_t logicalIfIndex,
+                          uint32_t recvPortIfIndex, uint32_t physicalIfIndex);
+int dhcpv6FillIfInfo(dhcpv6PktIfInfo* info, uint32_t logicalIfIndex, uint32_t recvPortIfIndex,
+                     uint32_t physicalIfIndex);
+int dhcpv6ValidateChecksm(uint8_t* packet, uint32_t length);
+uint16_t dhcpv6_get_udp6_cksum(uint8_t* ip6, uint8_t* udp);
+uint16_t dhcpv6_udp_cksum_v6(const uint8_t* pseudo, const uint8_t* data, uint32_t n);
+uint32_t dhcpv6ServerRelay(dhcpv6PktIfInfo* info, uint8_t* packet, uint32_t length);
+int addDhcpV6RelayOptions(dhcpv6PktIfInfo* info, uint8_t* packet, uint32_t length, uint8_t** outBuffer,
+                          uint32_t* outLength);
+uint8_t* dhcpv6AddRelayOptionsData(uint8_t* buffer, uint32_t* usedLength, uint16_t code,
+                                   const void* data, uint32_t dataLength);
+// Writes the Interface-ID text of a packet's interfaces into text (29 bytes).
+void dhcpv6InterfaceIdText(const dhcpv6PktIfInfo* info, char* text);
+uint32_t dhcpv6ClientRelay(dhcpv6PktIfInfo* info, uint8_t* packet, uint32_t length);
+int32_t dhcpv6GetFromOption18(const char* text, int remaining, int* consumed);
+int sendDhcpV6Packet(const uint8_t serverAddress[16], uint32_t vrfId, uint8_t* buffer, uint32_t length,
+                     uint32_t sourceIfIndex);
+int dhcpv6FwdPktInVlan(uint32_t vlanIfIndex, uint32_t portIfIndex, uint8_t* frame, uint32_t length);
+int dhcpv6FloodPktWithSrcSup(const dhcpv6PktIfInfo* info, uint8_t* packet, uint32_t length);
+char* dhcpv6PktTypeToStr(uint8_t type, char* buffer, size_t bufferLength);
+
+// ---- Dhcpv6RelayMgrTransTbl (packet side) ------------------------------------------------------
+constexpr uint32_t DHCPV6_TRANS_LIFETIME_SEC = 60;
+constexpr uint32_t DHCPV6_TRANS_TBL_ENTRY_ADD = 1;
+constexpr uint32_t DHCP_TRANS_TBL_ENTRY_DEL = 2;
+constexpr uint32_t DHCP_LEASEIP_TBL_ENTRY_DEL = 2;
+int dhcpv6TransactionTblAdd(dhcpv6PktIfInfo* info, uint8_t* frame, uint32_t frameLength);
+int dhcpv6TransactionTblDel(uint32_t ifIndex, const uint8_t* message,
+                            const uint8_t duidKey[DHCPV6_DUID_MAX]);
+void dhcpv6DumpTransTbl();
+
+// ---- features that complete the packet path later ---------------------------------------------
+// The lease-IP table (delegated prefixes and their routes).
+int dhcpv6ProcClientLeaseOptions(uint32_t ifIndex, uint8_t* message, uint32_t length,
+                                 uint8_t noGlobalAddr);
+// Snooping's check of a client message: -1 rejects it.
+int dhcpv6SnoopingVerification(const uint8_t* duid, const dhcpv6PktIfInfo* info, const uint8_t* frame,
+                               uint8_t msgType);
+// Mirroring a transaction entry to the standby.
+int dhcpv6TransTblSyncToPeer(const dhcpv6TransEntry* entry, uint32_t operation);

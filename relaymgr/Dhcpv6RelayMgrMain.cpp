@@ -91,7 +91,7 @@ bool serveProtoSocket() {
         printf("DHCPv6RelayMgr : Recieved packet on protocol fd [logInt = %s,  phyInt = %s, "
                "recvInt = %s ] bytes %d\r\n",
                logName, phyName, recvName, int(n));
-    dhcpv6RelayStart(dhcpv6PktBuf, int(n), logicalIfIndex, recvIfIndex, physIfIndex);
+    dhcpv6RelayStart(dhcpv6PktBuf, uint32_t(n), logicalIfIndex, recvIfIndex, physIfIndex);
     return true;
 }
 

@@ -6,7 +6,7 @@
 // arrive would be dropped here.
 #include "dhcpv6RelayMgr.h"
 
-int dhcpv6RelayStart(uint8_t* /*packet*/, int /*length*/, uint32_t /*logicalIfIndex*/,
-                     uint32_t /*recvIfIndex*/, uint32_t /*physIfIndex*/) {
-    return -1;
+uint32_t dhcpv6RelayStart(uint8_t* /*packet*/, uint32_t /*length*/, uint32_t /*logicalIfIndex*/,
+                          uint32_t /*recvPortIfIndex*/, uint32_t /*physicalIfIndex*/) {
+    return uint32_t(-1);
 }
