@@ -6,14 +6,13 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <optional>
 
 #include "ChassisAcl.h"
 #include "ChassisCfgStore.h"
-#include "ChassisHostMap.h"
 #include "ChassisIfm.h"
 #include "ChassisMrtm.h"
 #include "ChassisRtm.h"
+#include "qor/hostmap.h"
 #include "qor/task.h"
 
 namespace {
@@ -44,25 +43,25 @@ Chassis& chassis() {
     return c;
 }
 
-int chassisLoadHostMap(const std::string& path, std::optional<ChassisHostMap>& out) {
-    if (path.empty()) return 0;
-    ChassisHostMap map;
+// Reads the host map and installs it for the whole process: the packet
+// layer and the interface lookups answer from the installed map.
+int chassisLoadHostMap(const std::string& path) {
+    QorHostMap map;
     std::string err;
-    if (chassisHostMapLoad(path, map, err) != 0) {
+    if (qorHostMapLoad(path, map, err) != 0) {
         std::fprintf(stderr, "chassis: host map: %s\n", err.c_str());
         return -1;
     }
-    out = std::move(map);
+    qorHostMapInstall(std::move(map));
     return 0;
 }
 
-std::unique_ptr<ChassisInstance> chassisBuild(const ChassisOptions& options, int instance,
-                                              std::optional<ChassisHostMap> hostMap) {
+std::unique_ptr<ChassisInstance> chassisBuild(const ChassisOptions& options, int instance) {
     auto c = std::make_unique<ChassisInstance>();
     c->cfg = std::make_unique<ChassisCfgStore>(instance, qorRunDir(), options.replayStartup,
                                                options.replaySink);
     ChassisCfgStore* store = c->cfg.get();
-    c->ifm = std::make_unique<ChassisIfm>(instance, std::move(hostMap),
+    c->ifm = std::make_unique<ChassisIfm>(instance, !options.hostMapPath.empty(),
                                           [store] { store->chassisCfgRelayRegistered(); });
     c->acl = std::make_unique<ChassisAcl>(instance);
     c->rtm = std::make_unique<ChassisRtm>(instance);
@@ -84,9 +83,8 @@ int qorChassisStart(const ChassisOptions& options) {
         std::fprintf(stderr, "chassis: instance %d already runs\n", instance);
         return -1;
     }
-    std::optional<ChassisHostMap> hostMap;
-    if (chassisLoadHostMap(options.hostMapPath, hostMap) != 0) return -1;
-    auto c = chassisBuild(options, instance, std::move(hostMap));
+    if (!options.hostMapPath.empty() && chassisLoadHostMap(options.hostMapPath) != 0) return -1;
+    auto c = chassisBuild(options, instance);
     for (ChassisService* s : c->services()) {
         if (s->start() != 0) {
             std::fprintf(stderr, "chassis: cannot start the %s service (queue %d.%d in %s)\n",

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "qor/cfg.h"
+#include "qor/hostmap.h"
 #include "qor/ifm.h"
 #include "qor/ipc.h"
 
@@ -32,10 +33,9 @@ const ChassisHandler<ChassisIfm> ChassisIfm::kHandlers[] = {
      &ChassisIfm::ifmLookup},
 };
 
-ChassisIfm::ChassisIfm(int instance, std::optional<ChassisHostMap> hostMap,
-                       std::function<void()> onRelayRegistered)
+ChassisIfm::ChassisIfm(int instance, bool useHostMap, std::function<void()> onRelayRegistered)
     : ChassisService("ifm", QOR_APP_IFM, instance),
-      hostMap_(std::move(hostMap)),
+      useHostMap_(useHostMap),
       onRelayRegistered_(std::move(onRelayRegistered)) {}
 
 ChassisIfm::~ChassisIfm() { stop(); }
@@ -90,12 +90,12 @@ void ChassisIfm::ifmPortNotice(ChassisMsg& msg) {
 std::optional<uint32_t> ChassisIfm::ifmLookupInterface(const std::string& name) const {
     uint32_t ifIndex = 0;
     if (ifmNameToIfIndex(name.c_str(), &ifIndex) != 0 || ifIndex == 0) return std::nullopt;
-    if (hostMap_ && !hostMap_->hasInterface(ifIndex)) return std::nullopt;
+    if (useHostMap_ && !qorHostMapGet()->hasInterface(ifIndex)) return std::nullopt;
     return ifIndex;
 }
 
 std::optional<uint32_t> ChassisIfm::ifmLookupVrf(const std::string& name) const {
-    if (hostMap_) return hostMap_->vrfId(name);
+    if (useHostMap_) return qorHostMapGet()->vrfId(name);
     if (name == "default") return 0u;
     return std::nullopt;
 }

@@ -9,9 +9,9 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <vector>
 
-#include "ChassisHostMap.h"
 #include "ChassisService.h"
 #include "qor/chassis.h"
 
@@ -26,11 +26,12 @@ struct ChassisIfmClient {
 
 class ChassisIfm : public ChassisService {
 public:
-    // hostMap: the interfaces and VRFs lookups answer from (none: every
-    // well-formed interface name, and only the VRF "default").
+    // useHostMap: the interface and VRF lookups answer from the installed
+    // host map (qor/hostmap.h); without it every well-formed interface name
+    // is known, and only the VRF "default".
     // onRelayRegistered runs on this service's thread after the relay
     // manager's registration has been answered.
-    ChassisIfm(int instance, std::optional<ChassisHostMap> hostMap,
+    ChassisIfm(int instance, bool useHostMap,
                std::function<void()> onRelayRegistered);
     ~ChassisIfm() override;
 
@@ -49,7 +50,7 @@ private:
 
     static const ChassisHandler<ChassisIfm> kHandlers[];
 
-    const std::optional<ChassisHostMap> hostMap_;
+    const bool useHostMap_;
     const std::function<void()> onRelayRegistered_;
     mutable std::mutex mu_;
     std::map<std::pair<uint16_t, uint16_t>, ChassisIfmClient> clients_;  // by (application, instance)

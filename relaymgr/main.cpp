@@ -13,6 +13,7 @@
 #include "Chassis.h"
 #include "dhcpv6RelayMgr.h"
 #include "qor/ha.h"
+#include "qor/hostmap.h"
 #include "qor/task.h"
 
 namespace {
@@ -85,6 +86,17 @@ int main(int argc, char** argv) {
     if (QOR_NbsdpInit(argc, argv) != 0) exit(0);
     qorPlatformSetIdentity(DHCPV6_RELAY_APP_ID, qorPlatformInstance());
     qorHaSetPrimary(!options.standby);
+    // The packet layer reads the host map in this process whoever plays the
+    // chassis: without it no port is the daemon's and no frame is relayed.
+    if (!options.hostMap.empty()) {
+        QorHostMap map;
+        std::string err;
+        if (qorHostMapLoad(options.hostMap, map, err) != 0) {
+            std::fprintf(stderr, "dhcpv6relaymgr: host map: %s\n", err.c_str());
+            return 1;
+        }
+        qorHostMapInstall(std::move(map));
+    }
     if (!options.externalChassis) {
         ChassisOptions chassis;
         chassis.hostMapPath = options.hostMap;

@@ -1,11 +1,12 @@
 // The IFM service as its clients see it: the registration answer, port
-// notices, and the name lookups of the CLI with and without a host map; and
-// the host map's reader.
+// notices, the name lookups of the CLI with and without a host map, and the
+// host map the services install for the packet layer of their process.
 #include <fstream>
 
-#include "ChassisHostMap.h"
 #include "chassis_test_util.h"
+#include "qor/hostmap.h"
 #include "qor/ifm.h"
+#include "qor/l2sock.h"
 
 namespace {
 
@@ -117,53 +118,21 @@ INSTANTIATE_TEST_SUITE_P(
                       Lookup{true, kVrf, "green", false, 0}, Lookup{true, kVrf, "RED", false, 0},
                       Lookup{true, kVrf, kUnterminated, false, 0}));
 
-// Which names the map holds is seen through the lookups above; here what only the reader gives.
-TEST(ChassisHostMap, ReadsRoutingTablesAndInterfaceValues) {
-    ChassisHostMap map;
-    std::string err;
-    ASSERT_EQ(chassisHostMapParse(std::string(kHostMap) + "[vrf green]\nid = 7\n[agent 3]\nslot = 3\n", map, err), 0)
-        << err;
-    ASSERT_EQ(map.vrfs.size(), 3u);
-    EXPECT_EQ(map.vrfs.at("red").table, 101u);
-    // Without a table the VRF's packets use the table of its id.
-    EXPECT_EQ(map.vrfs.at("green").table, 7u);
-    EXPECT_EQ(map.interfaces.at(kVlan10).values.at("linux"), "veth0");
-    EXPECT_EQ(map.interfaces.at(kEthernet1_2).values.at("linux"), "veth1");
-}
-
-// (map text, what the reason must say)
-class ChassisHostMapBad : public ::testing::TestWithParam<std::pair<const char*, const char*>> {};
-
-TEST_P(ChassisHostMapBad, IsRefusedWithTheLineAndLeavesTheCallersMap) {
-    ChassisHostMap map;
-    map.vrfs["kept"] = ChassisHostVrf{9, 9};
-    std::string err;
-    EXPECT_EQ(chassisHostMapParse(GetParam().first, map, err), -1);
-    EXPECT_NE(err.find(GetParam().second), std::string::npos) << err;
-    EXPECT_EQ(map.vrfs.size(), 1u);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Maps, ChassisHostMapBad,
-    ::testing::Values(
-        std::pair{"[vrf red\nid = 1\n", "line 1: section header without ']'"},
-        std::pair{"id = 1\n", "line 1: key outside a section"},
-        std::pair{"[vrf red]\nid 1\n", "line 2: expected key = value"},
-        std::pair{"[interface vlan 10]\n\n[vrf red]\ntable = 5\n", "line 3: VRF 'red' has no id"},
-        std::pair{"[vrf red]\nid = one\n", "line 1: VRF 'red': bad id 'one'"},
-        std::pair{"[vrf red]\nid = 0\n", "bad id '0'"},
-        std::pair{"[vrf red]\nid = 65536\n", "bad id '65536'"},
-        std::pair{"[vrf default]\nid = 3\n", "bad id '3'"},
-        std::pair{"[vrf red]\nid = 1\n[vrf blue]\nid = 1\n", "line 3: VRF id 1 given twice"},
-        std::pair{"[vrf red]\nid = 1\n[vrf red]\nid = 2\n", "line 3: VRF 'red' given twice"},
-        std::pair{"[vrf red blue]\nid = 1\n", "line 1: a VRF section needs one name"},
-        std::pair{"[interface tunnel 1]\n", "line 1: unknown interface name 'tunnel 1'"},
-        std::pair{"[interface vlan 10]\n[interface Vlan10]\n", "line 2: interface 'Vlan10' given twice"},
-        std::pair{"[interface vlan 10]\nlinux = a\nlinux = b\n", "line 3: key 'linux' given twice"}));
-
 using ChassisStart = ChassisFixture;
 
-TEST_F(ChassisStart, FailsWhenTheHostMapCannotBeUsed) {
+// The packet layer of the process reads the map the services installed; a
+// map that cannot be used stops the start and leaves the installed one.
+TEST_F(ChassisStart, InstallsItsHostMapOrFailsWithoutTouchingTheInstalledOne) {
+    ChassisOptions good;
+    good.hostMapPath = runDir() + "/hosts.ini";
+    std::ofstream(good.hostMapPath) << kHostMap << "[interface ethernet 1/3]\nlinux = veth2\nvrf = blue\n";
+    ASSERT_EQ(startChassis(good), 0);
+    const auto installed = qorHostMapGet();
+    ASSERT_NE(installed->find(kEthernet1_2), nullptr);
+    EXPECT_EQ(installed->find(kEthernet1_2)->linuxName, "veth1");
+    EXPECT_EQ(getVrfIdForIfIndex(ifmEthernetIfIndex(1, 3, 0)), 2);
+    stopChassis();
+
     const std::string bad = runDir() + "/bad.ini";
     std::ofstream(bad) << "[vrf red]\n";
     for (const std::string& path : {bad, runDir() + "/missing.ini"}) {
@@ -172,6 +141,7 @@ TEST_F(ChassisStart, FailsWhenTheHostMapCannotBeUsed) {
         ::testing::internal::CaptureStderr();
         EXPECT_EQ(startChassis(options), -1) << path;
         EXPECT_NE(::testing::internal::GetCapturedStderr().find(path), std::string::npos);
+        EXPECT_EQ(qorHostMapGet(), installed) << path;
     }
 }
 

@@ -35,8 +35,10 @@
 //
 //   [interface pe-ethernet 0/1/5] a port-extender port, as a port
 //
-// Comments start with '#' or ';'. Unknown sections and keys are refused with
-// their line, so a typo never passes silently. The VRF "default" is id 0.
+// Comments start with '#' or ';'; indentation is free; a line holds at most
+// 198 characters. Unknown sections and keys, a section or key given twice, and
+// a vrf = naming no [vrf] section are refused with their line, so a typo never
+// passes silently. The VRF "default" is id 0 and has no section.
 //
 // The process holds one installed map (qorHostMapInstall); the packet layer,
 // the interface lookups and the chassis services read it. Reads take a
@@ -105,6 +107,7 @@ int qorHostMapLoad(const std::string& path, QorHostMap& out, std::string& err);
 void qorHostMapInstall(QorHostMap map);
 std::shared_ptr<const QorHostMap> qorHostMapGet();
 // Changes the members of a port-channel in the installed map (the CLI's
-// "channel-group" and the IFM's LAG notices). 0, or -1 when the port-channel
-// is not mapped.
+// "channel-group" and the IFM's LAG notices); a port is a member of one
+// port-channel at a time, so the members leave any other. 0, or -1 when the
+// port-channel is not mapped or a member is not a port.
 int qorHostMapSetLagMembers(uint32_t lagIfIndex, const std::vector<uint32_t>& members);

@@ -73,13 +73,16 @@ int ifmSetPerSvcTypeMasks(uint8_t* record, size_t recordLen, int type, uint32_t 
 // ports-per-module + port.
 uint32_t qorUsrPortToMainPort(uint32_t usrPort);
 uint32_t qorUsrPortToSubPort(uint32_t usrPort);
+// Module 0: `port` is the main port. 0 for port 0, a sub-port above 15, a
+// port beyond ports-per-module on a module, or a main port above 4095.
 uint32_t qorMainAndSubPortToUsrPort(uint32_t module, uint32_t port, uint32_t subPort);
 int qorIsSubPortValid(uint32_t subPort);   // 1 for 1-15, else 0
 int qorIsFourTupleSupported();             // from the installed host map
 // 0 and the module (from 1) and its port, or -1 for main port 0.
 int qorGetPlugModIdAndPortFromMainPort(uint32_t mainPort, uint32_t* module, uint32_t* port);
-// The card type in a slot: QOR_CARD_LINE when the host map maps a port in
-// it, QOR_CARD_PE_UNIT for a port-extender unit's logical slot, else 0.
+// The card type in a logical slot: QOR_CARD_LINE for slots 0-47 and
+// QOR_CARD_PE_UNIT for a port-extender unit's slot (48 and above) when the
+// host map maps a port there (as an interface or a port-channel member), else 0.
 constexpr uint32_t QOR_CARD_LINE = 0x41;
 constexpr uint32_t QOR_CARD_PE_UNIT = 0x42;
 uint32_t halDrvCardIdGetFromSlot(uint32_t slot);
