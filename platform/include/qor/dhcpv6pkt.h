@@ -15,8 +15,9 @@ constexpr uint32_t DHCPV6_RELAY_HDR_LEN = 34;   // msg-type, hop-count, link, pe
 constexpr uint32_t DHCPV6_MAX_RELAY_LEVELS = 32;
 constexpr uint32_t DHCPV6_MAX_EXT_HEADERS = 8;  // extension headers walked before UDP
 
-// The UDP header behind an IPv6 header and its extension headers (hop-by-hop,
-// routing, destination options, fragment: the first fragment only), at most
+// The UDP header behind an IPv6 header (version 6, 40 bytes) and its extension
+// headers (hop-by-hop, only directly after the IPv6 header; routing;
+// destination options; fragment: the first fragment only, offset 0), at most
 // DHCPV6_MAX_EXT_HEADERS of them, all inside [ip6, end). Null when there is
 // none, when the header chain is cut short or too long, or when fewer than 8
 // bytes of UDP header remain; else the header, and *udpOffset its offset
@@ -27,7 +28,9 @@ uint8_t* dhcpv6_getudphdr(uint8_t* ip6, const uint8_t* end, uint32_t* udpOffset)
 // message itself unless it is a Relay-Forward or Relay-Reply, whose
 // Relay-Message option is followed, at most DHCPV6_MAX_RELAY_LEVELS levels.
 // 0 with *inner and *innerLength (the inner message lies inside the given
-// bytes), or -1 with *inner null (too short, no Relay-Message, too deep).
+// bytes), or -1 with *inner null (a relay header shorter than 34 bytes, a
+// client message shorter than its 4-byte type and transaction id, no
+// Relay-Message, more than DHCPV6_MAX_RELAY_LEVELS relay headers).
 int dhcpv6GetClientPacket(uint8_t* message, uint8_t** inner, uint32_t length,
                           uint32_t* innerLength);
 
