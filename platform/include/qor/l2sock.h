@@ -10,19 +10,41 @@
 //   VLAN, or 0 on a routed port) and its logical (VLAN, routed port or
 //   port-channel), physical and receiving-port ifIndex (the port-channel when
 //   the port is a member of one). Outgoing copies, frames on unmapped
-//   interfaces, tagged frames of a VLAN the port does not carry and frames
-//   seen twice are dropped.
+//   interfaces, tagged frames of a VLAN the port does not carry, untagged
+//   frames on a port without an untagged VLAN (unless routed) and frames
+//   seen twice are dropped; a read that finds only such frames fails with
+//   EAGAIN, and frames to drop queued behind a delivered one are taken off
+//   with it, so the descriptor is readable only for a frame to deliver. A
+//   management port's frames are delivered (its ifIndex as all three) for
+//   the daemon to refuse. A UDP checksum a local sender left to the device
+//   is written in, as the frame carries it on a wire.
 // - Any other AF_QORL2 socket sends frames: qorSendto writes a frame given
 //   with that 18-byte header out of the egress port, tagged when the port
 //   carries the VLAN (the QOR_SO_L2_VLAN option's, or the header's) tagged,
-//   untagged otherwise; a port-channel sends out of its first member that is
-//   up. A socket of protocol QOR_L2_PROTO_FLOOD takes a 24-byte flood header
-//   before the frame and sends out of every port of the VLAN but the ingress.
-// - QOR_SO_VRF on an IPv6 socket sets SO_MARK to the VRF's table;
-//   QOR_IPV6_SRC_INTF sets IPV6_PKTINFO with that interface's global
-//   address (all zeros clears it). An AF_INET6 UDP socket made by qorSocket
-//   never queues incoming datagrams (a drop-all socket filter): DHCPv6
-//   arrives through the protocol socket, as the switch's trap delivers it.
+//   untagged on its untagged VLAN, with no VLAN or on a routed port; a VLAN
+//   the port does not carry is refused (EINVAL). A port-channel sends out of
+//   its first member that is up (IFF_UP and IFF_RUNNING; none: ENETDOWN). An
+//   egress of 0 or a VLAN interface sends out of every port of the VLAN. A
+//   socket of protocol QOR_L2_PROTO_FLOOD takes a 24-byte flood header
+//   before the frame and sends out of every port of the VLAN (the option's,
+//   else the header's VLAN interface, else the frame's tag) but the ingress
+//   and its port-channel's members; the multicast group word is the
+//   forwarding plane's and unused here; no VLAN floods to nobody. A send
+//   returns the whole length given (flood header included) when every port
+//   took the frame.
+//   QOR_SO_L2_VLAN, per socket: word 0 = 1 sets the VLAN (word 3, 0-4094;
+//   0 means the frame's own tag), word 0 = 0 clears it.
+// - QOR_SO_VRF on an IPv6 socket sets SO_MARK to the VRF's table (0 for
+//   the default VRF; a VRF id the host map does not know: ENXIO) and adds,
+//   once, the IPv6 rule "pref 1000 fwmark T lookup T".
+//   QOR_IPV6_SRC_INTF makes every later qorSendto on the socket carry
+//   IPV6_PKTINFO with that interface's first global address (ifindex 0);
+//   word 0 = 0 clears it; an interface without a global address:
+//   EADDRNOTAVAIL (and none is applied). Plain sendto does not see it.
+//   Option values are 32-bit words in host order, as any setsockopt value.
+//   An AF_INET6 UDP socket made by qorSocket never queues incoming
+//   datagrams (a drop-all socket filter): DHCPv6 arrives through the
+//   protocol socket, as the switch's trap delivers it.
 // Every other family and option goes to the kernel.
 #pragma once
 
@@ -75,7 +97,10 @@ struct nbsdIntfInfo {
 };
 // The interface named "QORS<ifIndex in lower-case hex>": 1 and *info, or 0
 // when the name is not of that form or the interface is not mapped or has no
-// Linux interface.
+// Linux interface (a port-channel without one answers with its first
+// member's). Global: not link-local, multicast, loopback or unspecified.
+// Answers come from a copy of the system's addresses refreshed whenever the
+// kernel announces a link or IPv6 address change.
 int nbsdGetIntfInfoForName(const char* name, nbsdIntfInfo* info);
 // 1 when addr is an address of a mapped interface of VRF vrfId (interfaces the
 // map does not name count in the default VRF), else 0.

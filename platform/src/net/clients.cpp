@@ -1,15 +1,18 @@
 // clients.cpp -- client libraries of the chassis services: configuration
 // store, port notices, ACL manager, RTM and MRTM registration, and the route
-// processor's role.
+// processor's role and the chassis MAC.
 #include <array>
 #include <atomic>
 #include <cstring>
+#include <optional>
 
+#include "netintf.h"
 #include "qor/acl.h"
 #include "qor/bytes.h"
 #include "qor/cfg.h"
 #include "qor/chassis.h"
 #include "qor/ha.h"
+#include "qor/hostmap.h"
 #include "qor/ipc.h"
 #include "qor/mrtm.h"
 #include "qor/rtm.h"
@@ -164,3 +167,12 @@ int mrtmapiIpcSendAndRecv(int queue, uint8_t* message, uint32_t length) {
 int qorHaIsPrimaryRpm() { return primaryRpm.load() ? 1 : 0; }
 
 void qorHaSetPrimary(bool primary) { primaryRpm.store(primary); }
+
+int qorHaGetChassisMacAddr(uint8_t mac[6]) {
+    if (mac == nullptr) return -1;
+    std::optional<QorMacAddr> chassis = qorHostMapGet()->system.chassisMac;
+    if (!chassis) chassis = qorHostFirstPortMac();
+    if (!chassis) return -1;
+    std::memcpy(mac, chassis->data(), chassis->size());
+    return 0;
+}
