@@ -6,6 +6,7 @@
 // only the timer task runs beside it, and it touches none of these objects.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -290,6 +291,18 @@ constexpr uint32_t DHCPV6_SERVER_PORT = 547;
 constexpr uint32_t DHCPV6_MAX_HOP_COUNT = 32;  // relay levels forwarded (not the RFC's 8)
 constexpr size_t DHCPV6_IFID_TEXT_LEN = 29;    // Interface-ID text buffer, terminator included
 constexpr size_t DHCPV6_MAX_RELAY_MSG = 12000; // the option writer's limit
+constexpr uint16_t DHCPV6_OPTION_CLIENTID = 1;
+constexpr uint16_t DHCPV6_OPTION_INTERFACE_ID = 18;
+constexpr uint16_t DHCPV6_OPTION_REMOTE_ID = 37;
+constexpr uint16_t DHCPV6_REMOTE_ID_LEN = 21;  // enterprise number, 17 bytes of MAC text
+// Remote-ID enterprise number: the maker's IANA private enterprise number.
+// RFC 4649 makes it name the vendor whose remote-id format follows, and
+// servers select their remote-id rules by it. The documentation number 32473
+// (RFC 5612) would tie our remote-ids to every example configuration and to
+// no vendor, so a product must not send it.
+constexpr uint32_t DHCPV6_REMOTE_ID_ENTERPRISE = 52742;
+constexpr uint32_t DHCPV6_FLOOD_IPC_MSG = 20810;  // a flood handed to another unit's agent
+constexpr int DHCPV6_FLOOD_AGENT_APP = 250;       // the agent that floods on its unit
 
 // The interface a packet is taken to belong to; zeroed before each packet.
 struct dhcpv6PktIfInfo {
@@ -311,22 +324,33 @@ struct dhcpv6MsgPtrs {
 extern dhcpv6MsgPtrs dhcpv6MsgOut;
 extern uint8_t mac_addr[6];
 extern uint8_t chassisMacPresent;
+// Client messages relayed while snooping is on (counter 0).
+extern uint32_t qorDhcpv6Stats[1];
 
+// Every entry point takes any bytes and any length: nothing is read or
+// written outside [packet, packet + length), whatever the lengths inside say.
 uint32_t dhcpv6RelayStart(uint8_t* packet, uint32_t length, uint32_t logicalIfIndex,
                           uint32_t recvPortIfIndex, uint32_t physicalIfIndex);
 int dhcpv6FillIfInfo(dhcpv6PktIfInfo* info, uint32_t logicalIfIndex, uint32_t recvPortIfIndex,
                      uint32_t physicalIfIndex);
 int dhcpv6ValidateChecksm(uint8_t* packet, uint32_t length);
+// The checksum a datagram should carry (zeroes its checksum field). The UDP
+// length's bytes must lie in the caller's buffer unless it exceeds the IPv6
+// payload length, which gives 0xFFFF without reading the datagram.
 uint16_t dhcpv6_get_udp6_cksum(uint8_t* ip6, uint8_t* udp);
 uint16_t dhcpv6_udp_cksum_v6(const uint8_t* pseudo, const uint8_t* data, uint32_t n);
 uint32_t dhcpv6ServerRelay(dhcpv6PktIfInfo* info, uint8_t* packet, uint32_t length);
 int addDhcpV6RelayOptions(dhcpv6PktIfInfo* info, uint8_t* packet, uint32_t length, uint8_t** outBuffer,
                           uint32_t* outLength);
-uint8_t* dhcpv6AddRelayOptionsData(uint8_t* buffer, uint32_t* usedLength, uint16_t code,
+// Appends one option at buffer[usedLength]: the option written, or null when
+// the message would reach 12001 bytes or not fit the buffer.
+uint8_t* dhcpv6AddRelayOptionsData(std::span<uint8_t> buffer, uint32_t* usedLength, uint16_t code,
                                    const void* data, uint32_t dataLength);
 // Writes the Interface-ID text of a packet's interfaces into text (29 bytes).
 void dhcpv6InterfaceIdText(const dhcpv6PktIfInfo* info, char* text);
 uint32_t dhcpv6ClientRelay(dhcpv6PktIfInfo* info, uint8_t* packet, uint32_t length);
+// One ':'-separated field of an Interface-ID text. `text` is zero-terminated;
+// at most `remaining` characters and the one after them are read.
 int32_t dhcpv6GetFromOption18(const char* text, int remaining, int* consumed);
 int sendDhcpV6Packet(const uint8_t serverAddress[16], uint32_t vrfId, uint8_t* buffer, uint32_t length,
                      uint32_t sourceIfIndex);
@@ -336,13 +360,23 @@ char* dhcpv6PktTypeToStr(uint8_t type, char* buffer, size_t bufferLength);
 
 // ---- Dhcpv6RelayMgrTransTbl (packet side) ------------------------------------------------------
 constexpr uint32_t DHCPV6_TRANS_LIFETIME_SEC = 60;
-constexpr uint32_t DHCPV6_TRANS_TBL_ENTRY_ADD = 1;
-constexpr uint32_t DHCP_TRANS_TBL_ENTRY_DEL = 2;
-constexpr uint32_t DHCP_LEASEIP_TBL_ENTRY_DEL = 2;
+// Peer sync operations (the word at byte 60 of a sync record).
+constexpr uint32_t DHCPV6_TRANS_TBL_ENTRY_ADD = 0;
+constexpr uint32_t DHCP_TRANS_TBL_ENTRY_DEL = 1;
+constexpr uint32_t DHCPV6_LEASEIP_TBL_ENTRY_ADD = 0;
+constexpr uint32_t DHCP_LEASEIP_TBL_ENTRY_DEL = 1;
 int dhcpv6TransactionTblAdd(dhcpv6PktIfInfo* info, uint8_t* frame, uint32_t frameLength);
+// message: a DHCPv6 message of at least 4 bytes (type, transaction id).
 int dhcpv6TransactionTblDel(uint32_t ifIndex, const uint8_t* message,
                             const uint8_t duidKey[DHCPV6_DUID_MAX]);
 void dhcpv6DumpTransTbl();
+// The key of a client's transaction: the Client Identifier (option 1) of a
+// client message (type, transaction id, options) zero-padded to 128 bytes;
+// outKey is written only when Ok.
+enum class dhcpv6DuidStatus { Ok, Missing, TooLong };
+dhcpv6DuidStatus dhcpv6ClientDuidKey(const uint8_t* message, uint32_t length,
+                                     uint8_t outKey[DHCPV6_DUID_MAX]);
+dhcpv6TransEntry* dhcpv6TransLookup(const uint8_t key[DHCPV6_DUID_MAX]);
 
 // ---- features that complete the packet path later ---------------------------------------------
 // The lease-IP table (delegated prefixes and their routes).
@@ -351,5 +385,12 @@ int dhcpv6ProcClientLeaseOptions(uint32_t ifIndex, uint8_t* message, uint32_t le
 // Snooping's check of a client message: -1 rejects it.
 int dhcpv6SnoopingVerification(const uint8_t* duid, const dhcpv6PktIfInfo* info, const uint8_t* frame,
                                uint8_t msgType);
-// Mirroring a transaction entry to the standby.
+// Mirroring a transaction or lease entry to the standby.
 int dhcpv6TransTblSyncToPeer(const dhcpv6TransEntry* entry, uint32_t operation);
+int dhcpv6LeaseTblSyncToPeer(const dhcpv6LeaseIpEntry* entry, uint32_t operation);
+// Delegated-prefix routes: one route to the RTM (add non-zero: add, 0:
+// withdraw), and the election of a replacement after a routed lease expired
+// (key: a lease key whose prefix-length word is 0).
+void dhcpv6RelayMgrAddPdRoute(uint32_t ifIndex, const uint8_t prefix[16], const uint8_t nextHop[16],
+                              uint32_t prefixLen, int add);
+void dhcpv6RelayMgrElectNewRoute(std::array<uint8_t, DHCPV6_LEASEIP_KEY_LEN> key);

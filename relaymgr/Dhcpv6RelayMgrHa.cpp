@@ -24,6 +24,8 @@ namespace {
 constexpr size_t kSyncOffOperation = 60;
 constexpr size_t kSnoopSyncOffIfIndex = 84;
 constexpr size_t kSnoopSyncLen = 124;
+constexpr size_t kTransSyncLen = 232;
+constexpr size_t kLeaseSyncLen = 240;
 
 struct SyncType {
     uint32_t type;
@@ -51,6 +53,11 @@ void fillSnoopPayload(qor::MutByteView r, const dhcpv6SnoopEntry& e) {
     qor::putU32(r, 112, e.leaseTime);
     qor::putU32(r, 116, e.learnType);
     qor::putU32(r, 120, e.prefixLen);
+}
+
+void syncFailed(const char* text) {
+    if (dhcpv6Dbg(DHCPV6_DBG_EVENT)) printf("%s", text);
+    qorSysErr(dhcpv6RelayGlobalVar.evtLogHandle, 0, DHCPV6_EVT_PEER_SYNC_FAILED, 0u);
 }
 
 }  // namespace
@@ -90,12 +97,48 @@ int dhcpv6SnoopTblSyncToPeer(const dhcpv6SnoopEntry* entry, uint32_t operation, 
     return rc;
 }
 
+// The transaction and lease records carry an entry's fields, without its
+// tree header, at the offsets both route processors share.
+int dhcpv6TransTblSyncToPeer(const dhcpv6TransEntry* entry, uint32_t operation) {
+    if (dhcpv6Dbg(DHCPV6_DBG_DETAIL)) printf("Dhcpv6RelayMgr : Inside dhcpv6TransTblSyncToPeer \r");
+    if (!qorHaIsPrimaryRpm() || entry == nullptr) return 0;
+    std::array<uint8_t, kTransSyncLen> record{};
+    qor::putU32(record, kSyncOffOperation, operation);
+    qor::putBytes(record, 64, entry->duid, sizeof entry->duid);
+    qor::putBytes(record, 192, entry->peerIp, sizeof entry->peerIp);
+    qor::putU32(record, 208, entry->ifIndex);
+    qor::putU32(record, 212, entry->portIfIndex);
+    qor::putU32(record, 216, entry->leaseTime);
+    qor::putBytes(record, 220, entry->clientMac, sizeof entry->clientMac);
+    qor::putU8(record, 226, entry->msgType);
+    qor::putBytes(record, 227, entry->transId, sizeof entry->transId);
+    const int rc = dhcpv6SendToPeer(MT_DHCPV6_TRANS_SYNC, record);
+    if (rc == -1) syncFailed("Sync to peer failed \r");
+    return rc;
+}
+
+int dhcpv6LeaseTblSyncToPeer(const dhcpv6LeaseIpEntry* entry, uint32_t operation) {
+    if (dhcpv6Dbg(DHCPV6_DBG_DETAIL)) printf("Dhcpv6RelayMgr : dhcpv6LeaseTblSyncToPeer \r");
+    if (!qorHaIsPrimaryRpm() || entry == nullptr) return 0;
+    std::array<uint8_t, kLeaseSyncLen> record{};
+    qor::putU32(record, kSyncOffOperation, operation);
+    // Bytes 64 to 215 are the entry's key, already in wire order.
+    qor::putBytes(record, 64, entry->node.rnKey, DHCPV6_LEASEIP_KEY_LEN);
+    qor::putBytes(record, 216, entry->nextHop, sizeof entry->nextHop);
+    qor::putU32(record, 232, entry->leaseTime);
+    qor::putU8(record, 236, entry->leaseFlag);
+    qor::putU8(record, 237, entry->IsRouteAdded);
+    const int rc = dhcpv6SendToPeer(MT_DHCPV6_LEASEIP_SYNC, record);
+    if (rc == -1) syncFailed("Sync leaseIp Tbl to peer failed \r");
+    return rc;
+}
+
 int dhcpv6TransTblHandlePeerSync(dhcpv6Msg /*record*/) { return 0; }
 
-int dhcpv6TransTblBulkSync() { return 0; }  // the table is empty until the relay fills it
+int dhcpv6TransTblBulkSync() { return 0; }  // no peer to fill until the peer channel exists
 
 int dhcpv6LeaseIpTblHandlePeerSync(dhcpv6Msg /*record*/) { return 0; }
 
-int dhcpv6LeaseIpBulkSync() { return 0; }  // the table is empty until the relay fills it
+int dhcpv6LeaseIpBulkSync() { return 0; }  // no peer to fill until the peer channel exists
 
 int dhcpv6SnoopTblHandlePeerSync(dhcpv6Msg /*record*/) { return 0; }

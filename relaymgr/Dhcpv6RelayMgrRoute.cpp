@@ -93,3 +93,14 @@ int dhcpv6ProcessHA(dhcpv6Msg /*message*/) {
     if (qorHaIsPrimaryRpm()) dhcpv6DownloadAllRoute();
     return 0;
 }
+
+// Delegated-prefix routes complete these with the RTM route update and the
+// election of the shortest routed prefix. Until the lease-IP table stores
+// delegated prefixes no lease is ever routed, so there is nothing to send
+// or to elect.
+void dhcpv6RelayMgrAddPdRoute(uint32_t /*ifIndex*/, const uint8_t* /*prefix*/,
+                              const uint8_t* /*nextHop*/, uint32_t /*prefixLen*/, int /*add*/) {}
+
+void dhcpv6RelayMgrElectNewRoute(std::array<uint8_t, DHCPV6_LEASEIP_KEY_LEN> /*key*/) {
+    if (dhcpv6Dbg(DHCPV6_DBG_DETAIL)) printf("Dhcpv6RelayMgr : Inside dhcpv6RelayMgrElectNewRoute");
+}

@@ -187,6 +187,16 @@ int dhcpv6SyncSnoopTblToPeer() { return 0; }
 
 int dhcpv6HandleSnoopTblPush(dhcpv6Msg /*message*/) { return 0; }
 
+// Snooping configuration completes this with the snooped-VLAN, table-full
+// and MAC checks. Until snooping can be switched on every client message
+// passes, as it does on any interface snooping does not watch.
+int dhcpv6SnoopingVerification(const uint8_t* /*duid*/, const dhcpv6PktIfInfo* /*info*/,
+                               const uint8_t* /*frame*/, uint8_t /*msgType*/) {
+    if (dhcpv6Dbg(DHCPV6_DBG_DETAIL)) printf("Inside dhcpv6SnoopingVerification \r");
+    snoopDbg("snoop verification passed \r");
+    return 0;
+}
+
 int dhcpv6ProcessIfmModeChgMsg(std::span<const uint8_t> /*payload*/) { return 0; }
 
 int dhcpv6RelayHandleDelInt(uint32_t /*ifIndex*/) { return 0; }

@@ -72,6 +72,7 @@ void reset() {
     resetIpcState();
     resetSwpState();
     resetClientState();
+    resetPktState();
 }
 
 int64_t record(const std::string& name, std::vector<int64_t> ints, std::vector<uint8_t> bytes,

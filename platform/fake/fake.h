@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "qor/l2sock.h"
+
 namespace qorfake {
 
 struct Call {
@@ -70,5 +72,24 @@ bool takeAnswer(const std::string& name, std::vector<uint8_t>& out);
 // Copies the bytes of a caller's buffer for the record (none when null or
 // longer than any message).
 std::vector<uint8_t> copyBytes(const void* p, size_t length);
+
+// ---- packets and interfaces -----------------------------------------------------
+// qorSendto records each send here (and as a call "qorSendto" with ints fd,
+// length, flags, egress ifIndex) and returns the length unless the test chose
+// a result.
+struct Sent {
+    int fd;
+    uint32_t egressIfIndex;
+    std::vector<uint8_t> bytes;  // the frame or datagram
+    std::vector<uint8_t> dst;    // the destination address as given
+};
+std::vector<Sent> sent();
+// What nbsdGetIntfInfoForName("QORS<hex>") answers for an interface; an
+// interface never set is unknown (0).
+void setIntfInfo(uint32_t ifIndex, const nbsdIntfInfo& info);
+// An address nbsdGetIntfInfoFromIpv6Addr calls this system's in a VRF.
+void addLocalAddress(int vrfId, const uint8_t addr[16]);
+// The chassis MAC qorHaGetChassisMacAddr gives; null (the default): none (-1).
+void setChassisMac(const uint8_t* mac);
 
 }  // namespace qorfake

@@ -6,4 +6,5 @@ namespace qorfake {
 void resetIpcState();
 void resetSwpState();
 void resetClientState();
+void resetPktState();
 }  // namespace qorfake

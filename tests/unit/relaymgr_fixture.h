@@ -22,10 +22,12 @@
 #include "dhcpv6RelayMsgs.h"
 #include "dhcpv6Snooping.h"
 #include "fake.h"
+#include "pkt_builder.h"
 #include "qor/bytes.h"
 #include "qor/cfg.h"
 #include "qor/chassis.h"
 #include "qor/evtlog.h"
+#include "qor/hostmap.h"
 #include "qor/ha.h"
 #include "qor/ifm.h"
 #include "qor/ipc.h"
@@ -207,6 +209,8 @@ private:
         dhcpv6_debug_flag = 0;
         dhcpv6IsInitComplete = 0;
         isL2McZero = 0;
+        chassisMacPresent = 0;
+        std::memset(mac_addr, 0, sizeof mac_addr);
         dhcpv6RtmSeqNo = QOR_SWP_SEQ{};
         std::memset(dhcpv6AgtTbl, 0, sizeof dhcpv6AgtTbl);
         std::memset(dhcpv6SwAgtTbl, 0, sizeof dhcpv6SwAgtTbl);
@@ -214,11 +218,23 @@ private:
         pipeDevDelete(kTimerPipe);
     }
 
+    // Entries are the owner's: the table frees only its own nodes.
+    static void drainTable(QOR_RADIX_HANDLE table, uint32_t keyBits, void (*release)(void*)) {
+        while (table != nullptr) {
+            QOR_RADIX_NODE* n = qorRadixGetNext(table, nullptr, 0);
+            if (n == nullptr) break;
+            qorRadixRemove(table, n->rnKey, keyBits);
+            release(n);
+        }
+    }
+
     static void takeDown() {
         auto& g = dhcpv6RelayGlobalVar;
         const uint32_t savedFlag = dhcpv6_debug_flag;
         dhcpv6_debug_flag = 0;
         g.srcIfSockFd = 0;
+        drainTable(g.transTbl, DHCPV6_TRANS_KEY_BITS, dhcpv6TransactionTblRadixFree);
+        drainTable(g.leaseIpTbl, DHCPV6_LEASEIP_KEY_BITS, dhcpv6LeaseIpTblRadixFree);
         // The daemon's own deletion paths empty the helper table.
         while (relayv6Head != nullptr) {
             const uint32_t ifIndex = relayv6Head->ifIndex;
@@ -246,6 +262,126 @@ private:
         for (int fd : {g.protoSockFd, g.outSockFd})
             if (fd > 0) qorClose(fd);
         dhcpv6_debug_flag = savedFlag;
+    }
+};
+
+// ---- the packet path ------------------------------------------------------------
+
+// A small switch: VLAN 10 on a plain port, a sub-port, a four-part-name port,
+// a port-channel member, a port-extender port and a port of stack unit 2;
+// a routed client port; a routed port towards the servers; VRFs red and blue.
+inline std::string hostMapText(bool fourTuple) {
+    return std::string("[system]\nmaster-slot = 1\nports-per-module = 4\nfour-tuple = ") +
+           (fourTuple ? "yes" : "no") + R"(
+[vrf red]
+id = 1
+[vrf blue]
+id = 2
+[interface ethernet 1/1]
+untagged = 10
+[interface ethernet 1/2:3]
+untagged = 10
+[interface ethernet 1/7:2]
+tagged = 10
+[interface ethernet 1/4]
+[interface port-channel 3]
+members = ethernet 1/4
+untagged = 10
+[interface pe-ethernet 0/1/5]
+untagged = 10
+[interface ethernet 2/1]
+untagged = 10
+[interface ethernet 1/9]
+[interface ethernet 1/8]
+[interface vlan 10]
+)";
+}
+
+inline uint32_t ifIndexOf(const char* name) {
+    uint32_t ifIndex = 0;
+    EXPECT_EQ(ifmNameToIfIndex(name, &ifIndex), 0) << name;
+    return ifIndex;
+}
+
+class PacketFixture : public RelayFixture {
+protected:
+    static constexpr pkt::Mac kRouterMac{0x00, 0x00, 0x5e, 0x00, 0x53, 0x01};
+    const pkt::Addr kVlanAddr = pkt::addr("2001:db8:10::1");
+    const pkt::Addr kRoutedAddr = pkt::addr("2001:db8:9::1");
+    const pkt::Addr kServerSideAddr = pkt::addr("2001:db8:ff::1");
+    uint32_t vlan10 = 0, port1 = 0, routedPort = 0, serverPort = 0;
+
+    void bringUp() override {
+        RelayFixture::bringUp();
+        installMap(false);
+        ASSERT_EQ(dhcpv6RelayMgrCreateOutSockFd(), 0);
+        vlan10 = vlanIf(10);
+        port1 = ifIndexOf("ethernet 1/1");
+        routedPort = ifIndexOf("ethernet 1/9");
+        serverPort = ifIndexOf("ethernet 1/8");
+        setIntf(vlan10, &kVlanAddr);
+        setIntf(routedPort, &kRoutedAddr);
+        setIntf(serverPort, &kServerSideAddr);
+        const uint8_t chassis[6] = {0x02, 0x00, 0x5e, 0x10, 0x00, 0x01};
+        qorfake::setChassisMac(chassis);
+    }
+    void TearDown() override {
+        RelayFixture::TearDown();
+        qorHostMapInstall(QorHostMap{});
+    }
+
+    static void installMap(bool fourTuple) {
+        QorHostMap map;
+        std::string err;
+        ASSERT_EQ(qorHostMapParse(hostMapText(fourTuple), map, err), 0) << err;
+        qorHostMapInstall(map);
+    }
+    // An interface with the router's MAC and, unless null, a global address.
+    static void setIntf(uint32_t ifIndex, const pkt::Addr* global) {
+        nbsdIntfInfo info{};
+        info.ifIndex = ifIndex;
+        info.hasGlobalIpv6 = global != nullptr;
+        if (global != nullptr) std::memcpy(info.ipv6Addr, global->data(), 16);
+        std::memcpy(info.mac, kRouterMac.data(), 6);
+        qorfake::setIntfInfo(ifIndex, info);
+    }
+    static void addHelper(uint32_t ifIndex, const char* address, uint32_t vrfId = 0,
+                          const char* vrfName = "") {
+        auto m = cmdMsg(DHCP_RELAYADDR_CONFIG, DHCPV6_RLY_MSG_LEN);
+        qor::putU32(m, DHCPV6_RLY_OFF_OPERATION, 1);
+        qor::putU32(m, DHCPV6_RLY_OFF_IFINDEX, ifIndex);
+        qor::putBytes(m, DHCPV6_RLY_OFF_VRF_NAME, vrfName, strlen(vrfName));
+        const pkt::Addr a = pkt::addr(address);
+        qor::putBytes(m, DHCPV6_RLY_OFF_ADDR, a.data(), 16);
+        qor::putU32(m, DHCPV6_RLY_OFF_VRF_ID, vrfId);
+        dispatch(m);
+    }
+    // Hands a frame to the relay as the protocol socket delivers it.
+    static uint32_t receive(pkt::Bytes frame, uint32_t logical, uint32_t recv, uint32_t phys) {
+        return dhcpv6RelayStart(frame.data(), uint32_t(frame.size()), logical, recv, phys);
+    }
+    // What went to servers (UDP, an IPv6 socket address) and out of ports.
+    static std::vector<qorfake::Sent> forwards() {
+        std::vector<qorfake::Sent> out;
+        for (auto& s : qorfake::sent())
+            if (s.dst.size() == sizeof(sockaddr_in6)) out.push_back(s);
+        return out;
+    }
+    static std::vector<qorfake::Sent> portSends() {
+        std::vector<qorfake::Sent> out;
+        for (auto& s : qorfake::sent())
+            if (s.fd == dhcpv6RelayGlobalVar.outSockFd) out.push_back(s);
+        return out;
+    }
+    // The debug lines printed under `flags` while `run` runs.
+    template <typename F>
+    static std::string debugOf(uint32_t flags, F run) {
+        dhcpv6_debug_flag = flags;
+        ::testing::internal::CaptureStdout();
+        run();
+        std::string out = ::testing::internal::GetCapturedStdout();
+        dhcpv6_debug_flag = 0;
+        return out;
     }
 };
 
