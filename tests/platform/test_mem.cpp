@@ -218,9 +218,8 @@ TEST_F(Mem, PoolGrowsPastItsFirstChunkWithDistinctBlocks) {
     EXPECT_EQ(qorMemLiveCount(kLeasePool), 0u);
 }
 
+// The timer task allocates expiry blocks while the main task allocates its own.
 TEST_F(Mem, TwoTasksAllocatingAtOnceNeverShareABlock) {
-    // The timer task allocates expiry blocks while the main task allocates
-    // its own: the pools must serve both.
     auto worker = [](unsigned char tag, int* clobbered) {
         std::vector<unsigned char*> mine;
         for (int round = 0; round < 2000; ++round) {
@@ -243,18 +242,6 @@ TEST_F(Mem, TwoTasksAllocatingAtOnceNeverShareABlock) {
     EXPECT_EQ(clobberedA + clobberedB, 0);
     EXPECT_EQ(qorMemLiveCount(kLeasePool), 0u);
     EXPECT_EQ(qorMemDoubleFreeCount(), 0u);
-}
-
-TEST_F(Mem, ResetForgetsEverything) {
-    take();
-    qorMC_M_sysMalloc("TestUnit", 1, 10);
-    qorMemFailNextAlloc(QOR_MEM_SYSTEM, 5);
-    qorMemReset();
-    EXPECT_TRUE(qorMemLiveBlocks().empty());
-    EXPECT_EQ(take(), nullptr) << "no pool after a reset";
-    void* sys = qorMC_M_sysMalloc("TestUnit", 1, 10);
-    EXPECT_NE(sys, nullptr) << "injected failures are forgotten too";
-    qorMC_M_sysFree("TestUnit", 1, sys);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -67,7 +66,8 @@ uint32_t bits(const Key& key) { return static_cast<uint32_t>(key.size() * 8); }
 
 struct TableOwner {
     QOR_RADIX_HANDLE table;
-    TableOwner(uint32_t keyBytes) : table(qorRadixCreate("testTbl", keyBytes, countingAlloc, countingFree)) {}
+    explicit TableOwner(uint32_t keyBytes)
+        : table(qorRadixCreate("testTbl", keyBytes, countingAlloc, countingFree)) {}
     ~TableOwner() {
         if (table) qorRadixDestroy(table);
     }
@@ -76,11 +76,9 @@ struct TableOwner {
 // Every entry, first to last, by GetNext from null and then from each key.
 std::vector<const Entry*> walk(QOR_RADIX_HANDLE table) {
     std::vector<const Entry*> seen;
-    const QOR_RADIX_NODE* node = qorRadixGetNext(table, nullptr, 0);
-    while (node && seen.size() <= qorRadixCount(table)) {
-        const auto* entry = reinterpret_cast<const Entry*>(node);
-        seen.push_back(entry);
-        node = qorRadixGetNext(table, entry->key.data(), bits(entry->key));
+    for (auto* n = qorRadixGetNext(table, nullptr, 0); n && seen.size() <= qorRadixCount(table);) {
+        seen.push_back(reinterpret_cast<const Entry*>(n));
+        n = qorRadixGetNext(table, seen.back()->key.data(), bits(seen.back()->key));
     }
     return seen;
 }
@@ -153,11 +151,13 @@ protected:
         for (auto& [key, entry] : model) EXPECT_EQ(qorRadixRemove(table, key.data(), bits(key)), &entry->node);
         model.clear();
     }
+    const QOR_RADIX_NODE* modelNode(Model::const_iterator it) const {
+        return it == model.end() ? nullptr : &it->second->node;
+    }
     Model model;
 };
 
-using PropertyParam = std::tuple<uint32_t, KeyShape>;
-class RadixProperty : public RadixFixture, public ::testing::WithParamInterface<PropertyParam> {};
+class RadixProperty : public RadixFixture, public ::testing::WithParamInterface<std::tuple<uint32_t, KeyShape>> {};
 
 TEST_P(RadixProperty, RandomOperationsMatchAnOrderedMap) {
     const auto [keyBytes, shape] = GetParam();
@@ -180,16 +180,12 @@ TEST_P(RadixProperty, RandomOperationsMatchAnOrderedMap) {
                 key = (it == model.end() ? model.begin() : it)->first;
             }
             auto it = model.find(key);
-            ASSERT_EQ(qorRadixRemove(table, key.data(), bits(key)), it == model.end() ? nullptr : &it->second->node)
-                << "op " << op;
+            ASSERT_EQ(qorRadixRemove(table, key.data(), bits(key)), modelNode(it)) << "op " << op;
             if (it != model.end()) model.erase(it);
         } else if (roll < 85) {
-            auto it = model.find(key);
-            ASSERT_EQ(qorRadixGetExact(table, key.data(), bits(key)), it == model.end() ? nullptr : &it->second->node)
-                << "op " << op;
+            ASSERT_EQ(qorRadixGetExact(table, key.data(), bits(key)), modelNode(model.find(key))) << "op " << op;
         } else {
-            auto it = model.upper_bound(key);
-            ASSERT_EQ(qorRadixGetNext(table, key.data(), bits(key)), it == model.end() ? nullptr : &it->second->node)
+            ASSERT_EQ(qorRadixGetNext(table, key.data(), bits(key)), modelNode(model.upper_bound(key)))
                 << "op " << op << (model.count(key) ? " (key present)" : " (key absent)");
         }
         ASSERT_EQ(qorRadixCount(table), model.size());
@@ -224,16 +220,13 @@ protected:
         k[k.size() - 2] = static_cast<uint8_t>(n >> 8);
         return k;
     }
-    void fill(QOR_RADIX_HANDLE table, uint32_t n) {
-        for (uint32_t i = 0; i < n; ++i) ASSERT_TRUE(insert(table, key(i * 7919 % 65521)));
-    }
 };
 
 TEST_P(RadixTable, RefusedCallsLeaveTheTableAsItWasAndDestroyLeavesTheEntries) {
     auto owner = std::make_unique<TableOwner>(GetParam());
     QOR_RADIX_HANDLE table = owner->table;
     ASSERT_TRUE(insert(table, Key(GetParam(), 0)));
-    fill(table, 50);
+    for (uint32_t i = 0; i < 50; ++i) ASSERT_TRUE(insert(table, key(i * 7919 % 65521)));
     const auto before = walk(table);
     const size_t nodesBefore = nodes.live.size();
     // A key already present, as a new entry or as the same one, is refused.

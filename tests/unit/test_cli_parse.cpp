@@ -50,7 +50,6 @@ void expectAddressedTo(const std::vector<uint8_t>& msg, uint32_t application, ui
     EXPECT_EQ(word(msg, 56), (application << 16) | (uint32_t(kInstance) << 8) | 1);
 }
 
-
 TEST(CliHelperAddress, AddInTheDefaultVrfFillsTheRelayAddressCommand) {
     const CliParsed p = parseOk("ipv6 helper-address 2001:db8:ff::2", true);
     ASSERT_EQ(p.cmd, CliCmd::HelperAddress);
@@ -79,35 +78,22 @@ TEST(CliHelperAddress, RemoveInAVrfCarriesTheVrfNameAndId) {
     EXPECT_EQ(word(msg, 648), 7u);
 }
 
-struct VrfNameCase {
-    size_t length;
-    bool accepted;
-};
-std::ostream& operator<<(std::ostream& os, const VrfNameCase& c) {
-    return os << "VRF name of " << c.length;
-}
-
-class CliVrfNameLength : public ::testing::TestWithParam<VrfNameCase> {};
-
 // The name field is 32 bytes; the daemon reads it into a buffer one longer,
 // so a name of exactly 32 fills the field.
-TEST_P(CliVrfNameLength, FitsTheThirtyTwoByteField) {
-    const std::string name(GetParam().length, 'v');
-    const std::string line = "ipv6 helper-address vrf " + name + " 2001:db8::1";
-    if (!GetParam().accepted) {
-        EXPECT_NE(parseErr(line, true).find("at most 32"), std::string::npos);
-        return;
+TEST(CliHelperAddress, VrfNameFitsTheThirtyTwoByteField) {
+    for (size_t length : {1, 31, 32, 33}) {
+        const std::string name(length, 'v');
+        const std::string line = "ipv6 helper-address vrf " + name + " 2001:db8::1";
+        if (length > 32) {
+            EXPECT_NE(parseErr(line, true).find("at most 32"), std::string::npos);
+            continue;
+        }
+        const auto msg = cliEncodeRelayAddr(kInstance, parseOk(line, true), kVlan10, 1);
+        EXPECT_EQ(std::string(msg.begin() + 92, msg.begin() + 92 + long(length)), name);
+        for (size_t i = 92 + length; i < 124; ++i) EXPECT_EQ(msg[i], 0) << "byte " << i;
+        EXPECT_EQ(msg[290], 0x20) << "the address stays where it belongs";
     }
-    const auto msg = cliEncodeRelayAddr(kInstance, parseOk(line, true), kVlan10, 1);
-    EXPECT_EQ(std::string(msg.begin() + 92, msg.begin() + 92 + long(name.size())), name);
-    for (size_t i = 92 + name.size(); i < 124; ++i) EXPECT_EQ(msg[i], 0) << "byte " << i;
-    EXPECT_EQ(msg[290], 0x20) << "the address stays where it belongs";
 }
-
-INSTANTIATE_TEST_SUITE_P(Boundaries, CliVrfNameLength,
-                         ::testing::Values(VrfNameCase{1, true}, VrfNameCase{31, true},
-                                           VrfNameCase{32, true}, VrfNameCase{33, false}));
-
 
 TEST(CliSourceInterface, GlobalLineCarriesTheNameAsTheIfmPrintsIt) {
     const CliParsed p = parseOk("ipv6 dhcp relay source-interface VLAN30", false);
@@ -143,77 +129,60 @@ TEST(CliSourceInterface, RemovalNeedsNoName) {
               "% Error: an interface name is missing");
 }
 
-
-struct LevelCase {
-    const char* line;
-    bool accepted;
-    uint32_t debugSwitch;
-    uint32_t level;
-};
-std::ostream& operator<<(std::ostream& os, const LevelCase& c) { return os << '"' << c.line << '"'; }
-
-class CliDebugLevel : public ::testing::TestWithParam<LevelCase> {};
-
 // The event log knows levels 1 to 7 and 24; "debug ipv6 dhcp" alone asks for
 // 7, and its no form goes back to the start-up level 6.
-TEST_P(CliDebugLevel, BecomesTheLogLevelCommand) {
-    const LevelCase& c = GetParam();
-    if (!c.accepted) {
-        EXPECT_NE(parseErr(c.line, false).find("invalid debug level"), std::string::npos);
-        return;
+TEST(CliDebug, LevelBecomesTheLogLevelCommand) {
+    const struct {
+        const char* line;
+        bool accepted;
+        uint32_t debugSwitch, level;
+    } cases[] = {{"debug ipv6 dhcp", true, 1, 7},           {"no debug ipv6 dhcp", true, 0, 6},
+                 {"debug ipv6 dhcp level 1", true, 1, 1},   {"debug ipv6 dhcp level 7", true, 1, 7},
+                 {"debug ipv6 dhcp level 24", true, 1, 24}, {"debug ipv6 dhcp level 0", false, 0, 0},
+                 {"debug ipv6 dhcp level 8", false, 0, 0},  {"debug ipv6 dhcp level 23", false, 0, 0},
+                 {"debug ipv6 dhcp level 25", false, 0, 0}, {"debug ipv6 dhcp level 4294967303", false, 0, 0},
+                 {"debug ipv6 dhcp level -1", false, 0, 0}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        if (!c.accepted) {
+            EXPECT_NE(parseErr(c.line, false).find("invalid debug level"), std::string::npos);
+            continue;
+        }
+        const CliParsed p = parseOk(c.line, false);
+        ASSERT_EQ(p.cmd, CliCmd::DebugLog);
+        const auto msg = cliEncodeLogLevel(kInstance, p);
+        ASSERT_EQ(msg.size(), 88u);
+        expectAddressedTo(msg, 336, 6001);
+        EXPECT_EQ(word(msg, 72), 40031u);  // DHCP_LOG_LEVEL
+        EXPECT_EQ(word(msg, 80), c.debugSwitch);
+        EXPECT_EQ(word(msg, 84), c.level);
     }
-    const CliParsed p = parseOk(c.line, false);
-    ASSERT_EQ(p.cmd, CliCmd::DebugLog);
-    const auto msg = cliEncodeLogLevel(kInstance, p);
-    ASSERT_EQ(msg.size(), 88u);
-    expectAddressedTo(msg, 336, 6001);
-    EXPECT_EQ(word(msg, 72), 40031u);  // DHCP_LOG_LEVEL
-    EXPECT_EQ(word(msg, 80), c.debugSwitch);
-    EXPECT_EQ(word(msg, 84), c.level);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Levels, CliDebugLevel,
-    ::testing::Values(LevelCase{"debug ipv6 dhcp", true, 1, 7}, LevelCase{"no debug ipv6 dhcp", true, 0, 6},
-                      LevelCase{"debug ipv6 dhcp level 1", true, 1, 1}, LevelCase{"debug ipv6 dhcp level 7", true, 1, 7},
-                      LevelCase{"debug ipv6 dhcp level 24", true, 1, 24}, LevelCase{"debug ipv6 dhcp level 0", false, 0, 0},
-                      LevelCase{"debug ipv6 dhcp level 8", false, 0, 0}, LevelCase{"debug ipv6 dhcp level 23", false, 0, 0},
-                      LevelCase{"debug ipv6 dhcp level 25", false, 0, 0},
-                      LevelCase{"debug ipv6 dhcp level 4294967303", false, 0, 0},
-                      LevelCase{"debug ipv6 dhcp level -1", false, 0, 0}));
-
-struct FlagsCase {
-    const char* value;
-    bool accepted;
-    uint32_t flags;
-};
-std::ostream& operator<<(std::ostream& os, const FlagsCase& c) { return os << "flags " << c.value; }
-
-class CliDebugFlags : public ::testing::TestWithParam<FlagsCase> {};
-
-TEST_P(CliDebugFlags, BecomeTheDebugFlagWord) {
-    const FlagsCase& c = GetParam();
-    const std::string line = *c.value ? std::string("debug ipv6 dhcp flags ") + c.value
-                                      : "no debug ipv6 dhcp flags";
-    if (!c.accepted) {
-        EXPECT_NE(parseErr(line, false).find("invalid debug flags"), std::string::npos);
-        return;
-    }
-    const auto msg = cliEncodeDebugFlag(kInstance, parseOk(line, false));
-    ASSERT_EQ(msg.size(), 88u);
-    expectAddressedTo(msg, 336, 46500);
-    EXPECT_EQ(word(msg, 80), c.flags);
 }
 
 // An empty value stands for the no form, which clears every flag.
-INSTANTIATE_TEST_SUITE_P(
-    Values, CliDebugFlags,
-    ::testing::Values(FlagsCase{"0x10010", true, 0x10010}, FlagsCase{"65552", true, 0x10010},
-                      FlagsCase{"0XFFFFFFFF", true, 0xFFFFFFFF}, FlagsCase{"4294967295", true, 0xFFFFFFFF},
-                      FlagsCase{"0", true, 0}, FlagsCase{"", true, 0}, FlagsCase{"0x100000000", false, 0},
-                      FlagsCase{"4294967296", false, 0}, FlagsCase{"0x", false, 0}, FlagsCase{"1f", false, 0},
-                      FlagsCase{"0x1g", false, 0}));
-
+TEST(CliDebug, FlagsBecomeTheDebugFlagWord) {
+    const struct {
+        const char* value;
+        bool accepted;
+        uint32_t flags;
+    } cases[] = {{"0x10010", true, 0x10010},        {"65552", true, 0x10010}, {"0XFFFFFFFF", true, 0xFFFFFFFF},
+                 {"4294967295", true, 0xFFFFFFFF},  {"0", true, 0},           {"", true, 0},
+                 {"0x100000000", false, 0},         {"4294967296", false, 0}, {"0x", false, 0},
+                 {"1f", false, 0},                  {"0x1g", false, 0}};
+    for (const auto& c : cases) {
+        const std::string line =
+            *c.value ? std::string("debug ipv6 dhcp flags ") + c.value : std::string("no debug ipv6 dhcp flags");
+        SCOPED_TRACE(line);
+        if (!c.accepted) {
+            EXPECT_NE(parseErr(line, false).find("invalid debug flags"), std::string::npos);
+            continue;
+        }
+        const auto msg = cliEncodeDebugFlag(kInstance, parseOk(line, false));
+        ASSERT_EQ(msg.size(), 88u);
+        expectAddressedTo(msg, 336, 46500);
+        EXPECT_EQ(word(msg, 80), c.flags);
+    }
+}
 
 // The configuration store's lines, in its order, each with what it must become.
 TEST(CliReplay, EveryRunningConfigLineIsACommand) {
@@ -258,43 +227,33 @@ TEST(CliReplay, InterfaceNamesComeBackAsTheIfmPrintsThem) {
     EXPECT_EQ(parseOk("interface port-channel   5", false).ifName, "port-channel 5");
 }
 
-
-struct RefusedCase {
-    const char* line;
-    bool inInterface;
-    const char* message;
-};
-std::ostream& operator<<(std::ostream& os, const RefusedCase& c) { return os << '"' << c.line << '"'; }
-
-class CliRefused : public ::testing::TestWithParam<RefusedCase> {};
-
-TEST_P(CliRefused, SaysWhy) {
-    EXPECT_EQ(parseErr(GetParam().line, GetParam().inInterface), GetParam().message);
+TEST(CliRefused, SaysWhy) {
+    const struct {
+        const char* line;
+        bool inInterface;
+        const char* message;
+    } cases[] = {
+        {"frobnicate  now", false, "% Unknown command: frobnicate now"},
+        {"show running-config all", false, "% Unknown command: show running-config all"},
+        {"no show running-config", false, "% Unknown command: no show running-config"},
+        {"ipv6 helper-address 2001:db8::zz", true, "% Invalid IPv6 address: 2001:db8::zz"},
+        {"ipv6 helper-address ::", true, "% Invalid IPv6 address: ::"},
+        {"ipv6 helper-address 10.0.0.1", true, "% Invalid IPv6 address: 10.0.0.1"},
+        {"ipv6 helper-address fe80::1%eth0", true, "% Invalid IPv6 address: fe80::1%eth0"},
+        {"ipv6 helper-address vrf red", true, "% Unknown command: ipv6 helper-address vrf red"},
+        {"ipv6 helper-address 2001:db8::1 2001:db8::2", true,
+         "% Unknown command: ipv6 helper-address 2001:db8::1 2001:db8::2"},
+        {"ipv6 helper-address 2001:db8::1", false,
+         "% Error: ipv6 helper-address is an interface command (enter \"interface NAME\" first)"},
+        {"interface", false, "% Error: an interface name is missing"},
+        {"interface vlan 4095", false, "% Error: unknown interface vlan 4095"},
+        {"interface vlan", false, "% Error: unknown interface vlan"},
+        {"interface ethernet 1", false, "% Error: unknown interface ethernet 1"},
+        {"interface tunnel 1", false, "% Error: unknown interface tunnel 1"},
+        {"debug ipv6 dhcp flags", false, "% Unknown command: debug ipv6 dhcp flags"},
+        {"no debug ipv6 dhcp level 7", false, "% Unknown command: no debug ipv6 dhcp level 7"}};
+    for (const auto& c : cases) EXPECT_EQ(parseErr(c.line, c.inInterface), c.message) << c.line;
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Lines, CliRefused,
-    ::testing::Values(
-        RefusedCase{"frobnicate  now", false, "% Unknown command: frobnicate now"},
-        RefusedCase{"show running-config all", false, "% Unknown command: show running-config all"},
-        RefusedCase{"no show running-config", false, "% Unknown command: no show running-config"},
-        RefusedCase{"ipv6 helper-address 2001:db8::zz", true, "% Invalid IPv6 address: 2001:db8::zz"},
-        RefusedCase{"ipv6 helper-address ::", true, "% Invalid IPv6 address: ::"},
-        RefusedCase{"ipv6 helper-address 10.0.0.1", true, "% Invalid IPv6 address: 10.0.0.1"},
-        RefusedCase{"ipv6 helper-address fe80::1%eth0", true, "% Invalid IPv6 address: fe80::1%eth0"},
-        RefusedCase{"ipv6 helper-address vrf red", true, "% Unknown command: ipv6 helper-address vrf red"},
-        RefusedCase{"ipv6 helper-address 2001:db8::1 2001:db8::2", true,
-                    "% Unknown command: ipv6 helper-address 2001:db8::1 2001:db8::2"},
-        RefusedCase{"ipv6 helper-address 2001:db8::1", false,
-                    "% Error: ipv6 helper-address is an interface command (enter \"interface NAME\" first)"},
-        RefusedCase{"interface", false, "% Error: an interface name is missing"},
-        RefusedCase{"interface vlan 4095", false, "% Error: unknown interface vlan 4095"},
-        RefusedCase{"interface vlan", false, "% Error: unknown interface vlan"},
-        RefusedCase{"interface ethernet 1", false, "% Error: unknown interface ethernet 1"},
-        RefusedCase{"interface tunnel 1", false, "% Error: unknown interface tunnel 1"},
-        RefusedCase{"debug ipv6 dhcp flags", false, "% Unknown command: debug ipv6 dhcp flags"},
-        RefusedCase{"no debug ipv6 dhcp level 7", false, "% Unknown command: no debug ipv6 dhcp level 7"}));
-
 
 TEST(CliIfmLookup, NameFieldKeepsItsTerminatingZero) {
     std::vector<uint8_t> msg;
@@ -317,7 +276,6 @@ TEST(CliShowRequests, AskTheStoreAndTheAclManagerWithRoomForLongAnswers) {
     expectAddressedTo(acl, 57, 5702);
     EXPECT_EQ(acl.size(), 8192u);
 }
-
 
 // A store's answer for one piece: status, total length, piece length, text.
 std::vector<uint8_t> showAnswer(size_t bufferLen, uint32_t length, int32_t status, uint32_t total,
@@ -349,42 +307,34 @@ TEST(CliShowAnswer, PiecesReassembleTheText) {
     EXPECT_EQ(got, whole);
 }
 
-struct ShowCase {
-    const char* what;
-    size_t bufferLen;
-    uint32_t length;
-    int32_t status;
-    uint32_t offset, total, piece;
-    bool accepted;
-};
-
-std::ostream& operator<<(std::ostream& os, const ShowCase& c) { return os << c.what; }
-
-class CliShowAnswerBounds : public ::testing::TestWithParam<ShowCase> {};
-
-TEST_P(CliShowAnswerBounds, PieceStaysInsideTheAnswerAndTheText) {
-    const ShowCase& c = GetParam();
-    const std::string body(c.piece < c.bufferLen ? c.piece : c.bufferLen, 'x');
-    const auto a = showAnswer(c.bufferLen, c.length, c.status, c.total, c.piece, body);
-    CliShowPiece out;
-    EXPECT_EQ(cliDecodeShowPiece(a, c.offset, out), c.accepted) << c.what;
-    if (c.accepted) {
-        EXPECT_EQ(out.text.size(), c.piece);
+TEST(CliShowAnswer, PieceStaysInsideTheAnswerAndTheText) {
+    const struct {
+        const char* what;
+        size_t bufferLen;
+        uint32_t length;
+        int32_t status;
+        uint32_t offset, total, piece;
+        bool accepted;
+    } cases[] = {{"whole text", 200, 100, 0, 0, 12, 12, true},
+                 {"last piece", 200, 93, 0, 7, 12, 5, true},
+                 {"empty text", 200, 88, 0, 0, 0, 0, true},
+                 {"piece one past the text", 200, 101, 0, 0, 12, 13, false},
+                 {"offset past the text", 200, 88, 0, 13, 12, 0, false},
+                 {"piece one past the length word", 200, 99, 0, 0, 12, 12, false},
+                 {"piece past the buffer", 100, 100, 0, 0, 13, 13, false},
+                 {"huge piece", 200, 200, 0, 0, 0xFFFFFFFF, 0xFFFFFFFF, false},
+                 {"refused", 200, 100, -1, 0, 12, 12, false},
+                 {"answer shorter than its fields", 84, 84, 0, 0, 0, 0, false}};
+    for (const auto& c : cases) {
+        const std::string body(c.piece < c.bufferLen ? c.piece : c.bufferLen, 'x');
+        const auto a = showAnswer(c.bufferLen, c.length, c.status, c.total, c.piece, body);
+        CliShowPiece out;
+        EXPECT_EQ(cliDecodeShowPiece(a, c.offset, out), c.accepted) << c.what;
+        if (c.accepted) {
+            EXPECT_EQ(out.text.size(), c.piece) << c.what;
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Lengths, CliShowAnswerBounds,
-    ::testing::Values(ShowCase{"whole text", 200, 100, 0, 0, 12, 12, true},
-                      ShowCase{"last piece", 200, 93, 0, 7, 12, 5, true},
-                      ShowCase{"empty text", 200, 88, 0, 0, 0, 0, true},
-                      ShowCase{"piece one past the text", 200, 101, 0, 0, 12, 13, false},
-                      ShowCase{"offset past the text", 200, 88, 0, 13, 12, 0, false},
-                      ShowCase{"piece one past the length word", 200, 99, 0, 0, 12, 12, false},
-                      ShowCase{"piece past the buffer", 100, 100, 0, 0, 13, 13, false},
-                      ShowCase{"huge piece", 200, 200, 0, 0, 0xFFFFFFFF, 0xFFFFFFFF, false},
-                      ShowCase{"refused", 200, 100, -1, 0, 12, 12, false},
-                      ShowCase{"answer shorter than its fields", 84, 84, 0, 0, 0, 0, false}));
 
 std::vector<uint8_t> aclAnswer(uint32_t count, const std::vector<std::pair<uint32_t, uint32_t>>& pairs,
                                size_t lengthWord) {

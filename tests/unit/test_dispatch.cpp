@@ -22,6 +22,13 @@ protected:
         dispatch(m);
         return GetCapturedStdout();
     }
+    // The log-level command with its switch and level.
+    static std::vector<uint8_t> logLevel(uint32_t debugSwitch, uint32_t level) {
+        auto m = cmdMsg(DHCP_LOG_LEVEL, DHCPV6_LOG_MSG_LEN);
+        qor::putU32(m, DHCPV6_LOG_OFF_DEBUG_SWITCH, debugSwitch);
+        qor::putU32(m, DHCPV6_LOG_OFF_LEVEL, level);
+        return m;
+    }
 };
 
 TEST_F(Dispatch, NullMessageIsRefusedAndEntryIsTracedUnderTheDetailBit) {
@@ -32,69 +39,47 @@ TEST_F(Dispatch, NullMessageIsRefusedAndEntryIsTracedUnderTheDetailBit) {
     EXPECT_EQ(run(m), "DHCPv6RelayMgr : Inside dhcpv6RelayProcCliCmd \r");
 }
 
-
-class UnknownType : public Dispatch, public ::testing::WithParamInterface<uint32_t> {};
-
-TEST_P(UnknownType, IsAnsweredWithStatusZeroSoThatNoSenderHangs) {
+// An unknown type is answered with status 0 so that no sender hangs; an
+// unknown command, or a command message too short for its command word, is
+// not answered at all, and nothing else is touched.
+TEST_F(Dispatch, UnknownTypeIsAnsweredWithZeroAndUnknownCommandNotAtAll) {
     dhcpv6_debug_flag = DHCPV6_DBG_EVENT;
-    auto m = typeMsg(GetParam(), 100);
-    qor::putU32(m, QOR_IPC_OFF_STATUS, kSentinelStatus);
-    EXPECT_EQ(run(m), "Default case \r");
-    const auto r = replies();
-    ASSERT_EQ(r.size(), 1u);
-    EXPECT_EQ(r[0].size(), 100u) << "the reply is as long as the request says";
-    EXPECT_EQ(qor::u32At(r[0], QOR_IPC_OFF_STATUS), 0u);
-    EXPECT_EQ(qor::u32At(r[0], QOR_IPC_OFF_TYPE), GetParam());
-}
-
-INSTANTIATE_TEST_SUITE_P(TypesWithoutHandler, UnknownType,
-                         ::testing::Values(46405u, 46406u, 0u, 403u, 2807u, 46414u, 99999u));
-
-struct UnknownCommandCase {
-    uint32_t type;
-    uint32_t command;
-};
-void PrintTo(const UnknownCommandCase& c, std::ostream* os) {
-    *os << "type " << c.type << " command " << c.command;
-}
-
-class UnknownCommand : public Dispatch, public ::testing::WithParamInterface<UnknownCommandCase> {};
-
-TEST_P(UnknownCommand, GetsNoAnswerAtAll) {
-    dhcpv6_debug_flag = DHCPV6_DBG_EVENT;
-    auto m = cmdMsg(GetParam().command, 700, GetParam().type);
-    EXPECT_EQ(run(m), "");
-    EXPECT_TRUE(replies().empty());
-    EXPECT_TRUE(callNamesSince().empty()) << "nothing else is touched either";
-}
-
-INSTANTIATE_TEST_SUITE_P(CommandsWithoutHandler, UnknownCommand,
-                         ::testing::Values(UnknownCommandCase{MT_DHCPV6_CMD, 7},
-                                           UnknownCommandCase{MT_DHCPV6_CMD, 11},
-                                           UnknownCommandCase{MT_DHCPV6_CMD_2, 7},
-                                           UnknownCommandCase{MT_DHCPV6_CMD_2, 11},
-                                           UnknownCommandCase{MT_DHCPV6_CMD, 0},
-                                           UnknownCommandCase{MT_DHCPV6_CMD, 40032},
-                                           UnknownCommandCase{MT_DHCPV6_CMD_2, 100260}));
-
-TEST_F(Dispatch, CommandMessageTooShortForItsCommandWordIsNotAnswered) {
-    auto m = typeMsg(MT_DHCPV6_CMD, QOR_IPC_OFF_COMMAND + 2);
-    dispatch(m);
+    for (uint32_t type : {46405u, 46406u, 0u, 403u, 2807u, 46414u, 99999u}) {
+        markCalls();
+        auto m = typeMsg(type, 100);
+        qor::putU32(m, QOR_IPC_OFF_STATUS, kSentinelStatus);
+        EXPECT_EQ(run(m), "Default case \r") << type;
+        const auto r = replies();
+        ASSERT_EQ(r.size(), 1u) << type;
+        EXPECT_EQ(r[0].size(), 100u) << "the reply is as long as the request says";
+        EXPECT_EQ(qor::u32At(r[0], QOR_IPC_OFF_STATUS), 0u);
+        EXPECT_EQ(qor::u32At(r[0], QOR_IPC_OFF_TYPE), type);
+    }
+    const std::pair<uint32_t, uint32_t> commands[] = {{MT_DHCPV6_CMD, 7},   {MT_DHCPV6_CMD, 11},
+                                                      {MT_DHCPV6_CMD_2, 7}, {MT_DHCPV6_CMD_2, 11},
+                                                      {MT_DHCPV6_CMD, 0},   {MT_DHCPV6_CMD, 40032},
+                                                      {MT_DHCPV6_CMD_2, 100260}};
+    for (const auto& [type, command] : commands) {
+        markCalls();
+        auto m = cmdMsg(command, 700, type);
+        EXPECT_EQ(run(m), "") << type << " " << command;
+        EXPECT_TRUE(callNamesSince().empty()) << type << " " << command;
+    }
+    auto cut = typeMsg(MT_DHCPV6_CMD, QOR_IPC_OFF_COMMAND + 2);
+    dispatch(cut);
     EXPECT_TRUE(replies().empty());
 }
-
 
 struct AnsweredCase {
     uint32_t command;
     size_t length;
-    bool statusKnown;   // the status is the contract of the relay itself
+    bool statusKnown;  // the status is the contract of the relay itself
     uint32_t status;
     const char* name;
 };
 void PrintTo(const AnsweredCase& c, std::ostream* os) { *os << c.name; }
 
-class AnsweredCommand : public Dispatch,
-                        public ::testing::WithParamInterface<std::tuple<AnsweredCase, uint32_t>> {};
+class AnsweredCommand : public Dispatch, public ::testing::WithParamInterface<std::tuple<AnsweredCase, uint32_t>> {};
 
 TEST_P(AnsweredCommand, IsAnsweredOnceWithTheRequestAndItsStatus) {
     const auto& [c, type] = GetParam();
@@ -117,8 +102,7 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Combine(
         ::testing::Values(
             AnsweredCase{DHCP_SOURCE_INTERFACE, DHCPV6_SRC_MSG_LEN, true, 0, "source interface"},
-            AnsweredCase{DHCP_IF_SOURCE_INTERFACE, DHCPV6_IFSRC_MSG_LEN, true, 0,
-                         "interface source interface"},
+            AnsweredCase{DHCP_IF_SOURCE_INTERFACE, DHCPV6_IFSRC_MSG_LEN, true, 0, "interface source interface"},
             AnsweredCase{DHCP_RELAYADDR_CONFIG, DHCPV6_RLY_MSG_LEN, true, 0,
                          "helper removal on an unconfigured interface"},
             AnsweredCase{DHCP_LOG_LEVEL, DHCPV6_LOG_MSG_LEN, true, 0, "log level"},
@@ -134,15 +118,10 @@ INSTANTIATE_TEST_SUITE_P(
             AnsweredCase{DHCP_SHOW_BINDING_COUNT, 76, false, 0, "show binding count"}),
         ::testing::Values(MT_DHCPV6_CMD, MT_DHCPV6_CMD_2)));
 
-struct ShortCase {
-    uint32_t command;
-    size_t needed;
-};
-
-class ShortCommand : public Dispatch, public ::testing::WithParamInterface<ShortCase> {};
+class ShortCommand : public Dispatch, public ::testing::WithParamInterface<std::pair<uint32_t, size_t>> {};
 
 TEST_P(ShortCommand, OneByteShortIsRefusedWithMinusOneAndChangesNothing) {
-    auto m = cmdMsg(GetParam().command, GetParam().needed - 1);
+    auto m = cmdMsg(GetParam().first, GetParam().second - 1);
     qor::putU32(m, 80, 1);  // "add" / "set" where the command has an operation
     qor::putU32(m, 84, vlanIf(10));
     dispatch(m);
@@ -155,62 +134,49 @@ TEST_P(ShortCommand, OneByteShortIsRefusedWithMinusOneAndChangesNothing) {
 }
 
 INSTANTIATE_TEST_SUITE_P(BodiesShorterThanTheirFields, ShortCommand,
-                         ::testing::Values(ShortCase{DHCP_RELAYADDR_CONFIG, DHCPV6_RLY_MSG_LEN},
-                                           ShortCase{DHCP_SOURCE_INTERFACE, DHCPV6_SRC_MSG_LEN},
-                                           ShortCase{DHCP_IF_SOURCE_INTERFACE, DHCPV6_IFSRC_MSG_LEN},
-                                           ShortCase{DHCP_LOG_LEVEL, DHCPV6_LOG_MSG_LEN}));
+                         ::testing::Values(std::pair<uint32_t, size_t>{DHCP_RELAYADDR_CONFIG, DHCPV6_RLY_MSG_LEN},
+                                           std::pair<uint32_t, size_t>{DHCP_SOURCE_INTERFACE, DHCPV6_SRC_MSG_LEN},
+                                           std::pair<uint32_t, size_t>{DHCP_IF_SOURCE_INTERFACE,
+                                                                       DHCPV6_IFSRC_MSG_LEN},
+                                           std::pair<uint32_t, size_t>{DHCP_LOG_LEVEL, DHCPV6_LOG_MSG_LEN}));
 
 TEST_F(Dispatch, CaseLinesOfTheRelayCommandsArePrinted) {
     dhcpv6_debug_flag = DHCPV6_DBG_EVENT;
     auto relay = cmdMsg(DHCP_RELAYADDR_CONFIG, DHCPV6_RLY_MSG_LEN);
     qor::putU32(relay, DHCPV6_RLY_OFF_OPERATION, 2);
     EXPECT_EQ(run(relay), "case : DHCP_RELAYADDR_CONFIG \rHELPERv6 DELETE ENTRY \r");
-    auto level = cmdMsg(DHCP_LOG_LEVEL, DHCPV6_LOG_MSG_LEN);
-    qor::putU32(level, DHCPV6_LOG_OFF_LEVEL, 6);
+    auto level = logLevel(0, 6);
     EXPECT_EQ(run(level), "case : DHCP_LOG_LEVEL \r");
 }
 
-
-struct LevelCase {
-    uint32_t level;
-    int32_t status;
-    uint32_t mask;  // the event log's severity mask afterwards
-};
-void PrintTo(const LevelCase& c, std::ostream* os) { *os << "level " << c.level; }
-
-class LogLevel : public Dispatch, public ::testing::WithParamInterface<LevelCase> {};
+// (level, status, the event log's severity mask afterwards)
+class LogLevel : public Dispatch, public ::testing::WithParamInterface<std::tuple<uint32_t, int32_t, uint32_t>> {};
 
 TEST_P(LogLevel, SetsTheSeverityMaskOrRefusesTheLevel) {
-    const LevelCase& c = GetParam();
+    const auto [level, status, mask] = GetParam();
     dhcpv6RelayGlobalVar.debugOn = 1;  // a refused level must leave it as it is
-    auto m = cmdMsg(DHCP_LOG_LEVEL, DHCPV6_LOG_MSG_LEN);
-    qor::putU32(m, DHCPV6_LOG_OFF_DEBUG_SWITCH, 0);
-    qor::putU32(m, DHCPV6_LOG_OFF_LEVEL, c.level);
+    auto m = logLevel(0, level);
     dispatch(m);
     const auto r = replies();
     ASSERT_EQ(r.size(), 1u);
-    EXPECT_EQ(int32_t(qor::u32At(r[0], QOR_IPC_OFF_STATUS)), c.status);
-    EXPECT_EQ(qorEvtGetSeverityLevel(dhcpv6RelayGlobalVar.evtLogHandle), c.mask);
-    if (c.status != 0) {
-        EXPECT_EQ(dhcpv6RelayGlobalVar.debugOn, 1);
+    EXPECT_EQ(int32_t(qor::u32At(r[0], QOR_IPC_OFF_STATUS)), status);
+    EXPECT_EQ(qorEvtGetSeverityLevel(dhcpv6RelayGlobalVar.evtLogHandle), mask);
+    EXPECT_EQ(dhcpv6RelayGlobalVar.debugOn, status != 0 ? 1 : 0);
+    if (status != 0) {
         EXPECT_TRUE(since("qorCfgInsert").empty());
         EXPECT_TRUE(since("qorCfgRemoveExact").empty());
-    } else {
-        EXPECT_EQ(dhcpv6RelayGlobalVar.debugOn, 0);
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(Levels, LogLevel,
-                         ::testing::Values(LevelCase{0, -1, 0x7F}, LevelCase{8, -1, 0x7F},
-                                           LevelCase{23, -1, 0x7F}, LevelCase{25, -1, 0x7F},
-                                           LevelCase{0xFFFFFFFF, -1, 0x7F}, LevelCase{1, 0, 0x3},
-                                           LevelCase{6, 0, 0x7F}, LevelCase{7, 0, 0xFF},
-                                           LevelCase{24, 0, 0x1FFFFFF}));
+                         ::testing::Values(std::make_tuple(0u, -1, 0x7Fu), std::make_tuple(8u, -1, 0x7Fu),
+                                           std::make_tuple(23u, -1, 0x7Fu), std::make_tuple(25u, -1, 0x7Fu),
+                                           std::make_tuple(0xFFFFFFFFu, -1, 0x7Fu), std::make_tuple(1u, 0, 0x3u),
+                                           std::make_tuple(6u, 0, 0x7Fu), std::make_tuple(7u, 0, 0xFFu),
+                                           std::make_tuple(24u, 0, 0x1FFFFFFu)));
 
 TEST_F(Dispatch, DebuggingOnLineIsRecordedAndRemoved) {
-    auto on = cmdMsg(DHCP_LOG_LEVEL, DHCPV6_LOG_MSG_LEN);
-    qor::putU32(on, DHCPV6_LOG_OFF_DEBUG_SWITCH, 1);
-    qor::putU32(on, DHCPV6_LOG_OFF_LEVEL, 24);
+    auto on = logLevel(1, 24);
     dispatch(on);
     const auto inserts = since("qorCfgInsert");
     ASSERT_EQ(inserts.size(), 1u);
@@ -223,9 +189,7 @@ TEST_F(Dispatch, DebuggingOnLineIsRecordedAndRemoved) {
     EXPECT_EQ(dhcpv6RelayGlobalVar.debugOn, 1);
     EXPECT_EQ(qorfake::cfgLines(), std::vector<std::string>{DHCPV6_DEBUG_ON_LINE});
 
-    auto off = cmdMsg(DHCP_LOG_LEVEL, DHCPV6_LOG_MSG_LEN);
-    qor::putU32(off, DHCPV6_LOG_OFF_DEBUG_SWITCH, 2);
-    qor::putU32(off, DHCPV6_LOG_OFF_LEVEL, 6);
+    auto off = logLevel(2, 6);
     dispatch(off);
     const auto removals = since("qorCfgRemoveExact");
     ASSERT_EQ(removals.size(), 1u);
@@ -234,7 +198,6 @@ TEST_F(Dispatch, DebuggingOnLineIsRecordedAndRemoved) {
     EXPECT_EQ(dhcpv6RelayGlobalVar.debugOn, 0);
     EXPECT_TRUE(qorfake::cfgLines().empty());
 }
-
 
 TEST_F(Dispatch, DebugFlagCommandSetsTheSwitchesAndAnswersWithThem) {
     auto m = typeMsg(MT_DHCPV6_SET_DEBUG_FLAG, DHCPV6_DBGFLAG_MSG_LEN);
@@ -249,26 +212,22 @@ TEST_F(Dispatch, DebugFlagCommandSetsTheSwitchesAndAnswersWithThem) {
     EXPECT_EQ(run(unknown), "Default case \r") << "the new switches are in force";
 }
 
-
 TEST_F(Dispatch, SwpAckFreesTheAcknowledgedBlockAndNothingElse) {
     const int q = dhcpv6RelayGlobalVar.aclSwpQueue;
-    void* first = qorSwpAllocBlock(q, 200);
-    void* second = qorSwpAllocBlock(q, 200);
-    ASSERT_NE(first, nullptr);
-    ASSERT_NE(second, nullptr);
-    ASSERT_EQ(qorSwpEnqueue(q, first, 200), 0);
-    ASSERT_EQ(qorSwpEnqueue(q, second, 200), 0);
+    for (int i = 0; i < 2; ++i) {
+        void* block = qorSwpAllocBlock(q, 200);
+        ASSERT_NE(block, nullptr);
+        ASSERT_EQ(qorSwpEnqueue(q, block, 200), 0);
+    }
     ASSERT_EQ(qorMemVarLiveCount(DHCPV6_MEM_MODULE), 2u);
     const auto pending = qorfake::swpPending(q);
     ASSERT_EQ(pending.size(), 2u);
-
     dhcpv6_debug_flag = DHCPV6_DBG_EVENT;
     auto ack = qorfake::swpAck(q, pending[0].seq);
     EXPECT_EQ(run(ack), "case : MT_SWP_ACK \r");
     EXPECT_EQ(qorMemVarLiveCount(DHCPV6_MEM_MODULE), 1u);
     EXPECT_EQ(qorSwpQueueDepth(q), 1);
     EXPECT_TRUE(replies().empty()) << "an acknowledgement is not answered";
-
     auto again = qorfake::swpAck(q, pending[0].seq);
     dispatch(again);
     EXPECT_EQ(qorMemVarLiveCount(DHCPV6_MEM_MODULE), 1u) << "a repeated ack frees nothing";
@@ -277,41 +236,34 @@ TEST_F(Dispatch, SwpAckFreesTheAcknowledgedBlockAndNothingElse) {
     EXPECT_EQ(qorMemVarLiveCount(DHCPV6_MEM_MODULE), 0u);
 }
 
-
-struct SilentCase {
-    uint32_t type;
-    size_t length;
-    const char* text;  // printed under the event bit
-};
-void PrintTo(const SilentCase& c, std::ostream* os) { *os << "type " << c.type; }
-
-class SilentType : public Dispatch, public ::testing::WithParamInterface<SilentCase> {};
-
-TEST_P(SilentType, IsHandledWithoutAnAnswer) {
+// Peer sync, agents and peers' notices are handled without an answer; the
+// texts are printed under the event bit.
+TEST_F(Dispatch, SilentTypesAreHandledWithoutAnAnswer) {
+    const struct {
+        uint32_t type;
+        size_t length;
+        const char* text;
+    } cases[] = {{MT_DHCPV6_TRANS_SYNC, 232, "case MT_DHCPV6_TRANS_SYNC \r"},
+                 {MT_DHCPV6_TRANS_SYNC_INIT, 232, "case MT_DHCPV6_TRANS_SYNC_INIT \r"},
+                 {MT_DHCPV6_LEASEIP_SYNC, 240, "case MT_DHCPV6_LEASEIP_SYNC \r"},
+                 {MT_DHCPV6_LEASEIP_SYNC_INIT, 240, "case MT_DHCPV6_LEASEIP_SYNC_INIT \r"},
+                 {MT_DHCPV6_SNOOP_SYNC, 124, "case MT_DHCPV6_SNOOP_SYNC \r"},
+                 {MT_DHCPV6_SNOOP_SYNC_INIT, 124, "MT_DHCPV6_SNOOP_SYNC_INIT \r"},
+                 {MT_DHCPV6AGT_REG_WITH_MGR, 92, "DHCPv6RelayMgr :MT_DHCPV6AGT_REG_WITH_MGR case\r"},
+                 {MT_DHCPV6_SNOOP_TBL_PUSH, 424, ""},
+                 {MT_DHCPV6_SNOOP_TBL_UPDATE, 424, ""},
+                 {MT_DHCPV6_CLIENT_REG, 100, ""},
+                 {MT_DHCPV6_INIT_COMPLETE, 64, ""},
+                 {MT_RTM6_CLR_ROUTE, 177, "case : MT_RTM6_CLR_ROUTE \r"},
+                 {MT_IFM_NOTIF_MSG, 140, "case : MT_IFM_NOTIF_MSG \r"},
+                 {MT_MRTM_MCIDX_RESP, 168, ""}};
     dhcpv6_debug_flag = DHCPV6_DBG_EVENT;
-    auto m = typeMsg(GetParam().type, GetParam().length);
-    EXPECT_EQ(run(m), GetParam().text);
+    for (const auto& c : cases) {
+        auto m = typeMsg(c.type, c.length);
+        EXPECT_EQ(run(m), c.text) << "type " << c.type;
+    }
     EXPECT_TRUE(replies().empty());
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    PeerSyncAgentsAndPeers, SilentType,
-    ::testing::Values(SilentCase{MT_DHCPV6_TRANS_SYNC, 232, "case MT_DHCPV6_TRANS_SYNC \r"},
-                      SilentCase{MT_DHCPV6_TRANS_SYNC_INIT, 232, "case MT_DHCPV6_TRANS_SYNC_INIT \r"},
-                      SilentCase{MT_DHCPV6_LEASEIP_SYNC, 240, "case MT_DHCPV6_LEASEIP_SYNC \r"},
-                      SilentCase{MT_DHCPV6_LEASEIP_SYNC_INIT, 240,
-                                 "case MT_DHCPV6_LEASEIP_SYNC_INIT \r"},
-                      SilentCase{MT_DHCPV6_SNOOP_SYNC, 124, "case MT_DHCPV6_SNOOP_SYNC \r"},
-                      SilentCase{MT_DHCPV6_SNOOP_SYNC_INIT, 124, "MT_DHCPV6_SNOOP_SYNC_INIT \r"},
-                      SilentCase{MT_DHCPV6AGT_REG_WITH_MGR, 92,
-                                 "DHCPv6RelayMgr :MT_DHCPV6AGT_REG_WITH_MGR case\r"},
-                      SilentCase{MT_DHCPV6_SNOOP_TBL_PUSH, 424, ""},
-                      SilentCase{MT_DHCPV6_SNOOP_TBL_UPDATE, 424, ""},
-                      SilentCase{MT_DHCPV6_CLIENT_REG, 100, ""},
-                      SilentCase{MT_DHCPV6_INIT_COMPLETE, 64, ""},
-                      SilentCase{MT_RTM6_CLR_ROUTE, 177, "case : MT_RTM6_CLR_ROUTE \r"},
-                      SilentCase{MT_IFM_NOTIF_MSG, 140, "case : MT_IFM_NOTIF_MSG \r"},
-                      SilentCase{MT_MRTM_MCIDX_RESP, 168, ""}));
 
 TEST_F(Dispatch, SnoopSyncInitAndInitCompleteTryTheBindingFileFirst) {
     dhcpv6_debug_flag = DHCPV6_DBG_EVENT | DHCPV6_DBG_SNOOP;
@@ -337,7 +289,6 @@ TEST_P(HaControl, EveryRoleChangeRegistersWithTheMrtmAgain) {
     ASSERT_EQ(requests.size(), 1u) << "a new index request";
     EXPECT_EQ(qor::u32At(requests[0].bytes, QOR_IPC_OFF_TYPE), 15672u);
     EXPECT_TRUE(replies().empty());
-
     // The next role change replaces that queue and its waiting request.
     run(m);
     EXPECT_EQ(since("mrtmapiIpcSendAndRecv").size(), 2u);
@@ -359,10 +310,9 @@ TEST_F(Dispatch, EventNoticeIsAnsweredByItsHandlerBeforeTheAgentTablesChange) {
     ASSERT_EQ(r.size(), 1u);
     EXPECT_EQ(r[0], m) << "the notice itself goes back, as it came";
     const auto names = callNamesSince();
-    const auto reply = std::find(names.begin(), names.end(), "qorIpcReply");
     const auto remove = std::find(names.begin(), names.end(), "qorSwpQueueRemove");
     ASSERT_NE(remove, names.end());
-    EXPECT_LT(reply, remove);
+    EXPECT_LT(std::find(names.begin(), names.end(), "qorIpcReply"), remove);
     EXPECT_EQ(since("qorSwpQueueRemove")[0].ints[0], 0x40009);
     EXPECT_EQ(dhcpv6AgtTbl[3].inUse, 0u);
     EXPECT_EQ(dhcpv6SwAgtTbl[3].inUse, 0u);
@@ -391,43 +341,31 @@ TEST_F(Dispatch, IpAddressByMacIsAnsweredMinusOneWhileNoBindingExists) {
     const auto r = replies();
     ASSERT_EQ(r.size(), 1u);
     EXPECT_EQ(qor::u32At(r[0], 84), kMinusOne);
-    EXPECT_EQ(std::vector<uint8_t>(r[0].begin() + 66, r[0].begin() + 82),
-              std::vector<uint8_t>(16, 0));
+    EXPECT_EQ(std::vector<uint8_t>(r[0].begin() + 66, r[0].begin() + 82), std::vector<uint8_t>(16, 0));
 }
 
-
-void addHelper(uint32_t ifIndex, uint8_t last) {
-    auto m = cmdMsg(DHCP_RELAYADDR_CONFIG, DHCPV6_RLY_MSG_LEN);
-    qor::putU32(m, DHCPV6_RLY_OFF_OPERATION, 1);
-    qor::putU32(m, DHCPV6_RLY_OFF_IFINDEX, ifIndex);
-    m[DHCPV6_RLY_OFF_ADDR] = 0x20;
-    m[DHCPV6_RLY_OFF_ADDR + 15] = last;
-    dispatch(m);
-}
-
-struct SeqCase {
-    int check;        // qorSwpCkSeqAndAck's answer
-    bool processed;
-};
-
-class IfmSequence : public Dispatch, public ::testing::WithParamInterface<SeqCase> {};
+// (qorSwpCkSeqAndAck's answer, whether the notification is processed)
+class IfmSequence : public Dispatch, public ::testing::WithParamInterface<std::pair<int, bool>> {};
 
 TEST_P(IfmSequence, OnlyAnInOrderNotificationIsProcessed) {
-    addHelper(vlanIf(10), 5);
+    auto helper = cmdMsg(DHCP_RELAYADDR_CONFIG, DHCPV6_RLY_MSG_LEN);
+    qor::putU32(helper, DHCPV6_RLY_OFF_OPERATION, 1);
+    qor::putU32(helper, DHCPV6_RLY_OFF_IFINDEX, vlanIf(10));
+    helper[DHCPV6_RLY_OFF_ADDR] = 0x20;
+    dispatch(helper);
     ASSERT_NE(relayv6Lookup(vlanIf(10)), nullptr);
     markCalls();
-    qorfake::setNextResult("qorSwpCkSeqAndAck", GetParam().check);
+    qorfake::setNextResult("qorSwpCkSeqAndAck", GetParam().first);
     auto m = ifmDeleteNotice(vlanIf(10));
     dispatch(m);
     ASSERT_EQ(since("qorSwpCkSeqAndAck").size(), 1u);
     EXPECT_EQ(since("qorSwpCkSeqAndAck")[0].ints[0], dhcpv6RelayGlobalVar.dhcpv6RelayreqQfd);
-    EXPECT_EQ(relayv6Lookup(vlanIf(10)) == nullptr, GetParam().processed);
+    EXPECT_EQ(relayv6Lookup(vlanIf(10)) == nullptr, GetParam().second);
     EXPECT_TRUE(replies().empty()) << "the SWP layer acknowledges, nobody answers";
 }
 
 INSTANTIATE_TEST_SUITE_P(SequenceResults, IfmSequence,
-                         ::testing::Values(SeqCase{QOR_SWP_IN_ORDER, true},
-                                           SeqCase{QOR_SWP_DUPLICATE, false},
-                                           SeqCase{QOR_SWP_OUT_OF_ORDER, false}));
+                         ::testing::Values(std::pair{QOR_SWP_IN_ORDER, true}, std::pair{QOR_SWP_DUPLICATE, false},
+                                           std::pair{QOR_SWP_OUT_OF_ORDER, false}));
 
 }  // namespace

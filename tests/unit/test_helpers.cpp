@@ -173,35 +173,31 @@ TEST_F(Helpers, SameAddressTwiceIsOneHelperButAnotherVrfMakesASecond) {
     EXPECT_NE(d.find("Server IP: 2001:db8::5, vrf 7 \n\r"), std::string::npos) << d;
 }
 
-struct RemovalCase {
-    uint32_t vrfId;
-    const char* vrf;
-    const char* line;
-};
-
-class HelperRemoval : public Helpers, public ::testing::WithParamInterface<RemovalCase> {};
-
-TEST_P(HelperRemoval, WritesTheNoFormAndRemovesTheStoredLineByItsKey) {
-    const auto& c = GetParam();
-    EXPECT_EQ(add(vlanIf(10), "2001:db8::5", c.vrfId, c.vrf), 0);
-    const auto inserted = since("qorCfgInsert").at(0).bytes;
-    markCalls();
-    EXPECT_EQ(remove(vlanIf(10), "2001:db8::5", c.vrfId, c.vrf), 0);
-    const auto removals = since("qorCfgRemoveExact");
-    ASSERT_EQ(removals.size(), 1u);
-    EXPECT_EQ(keyOf(removals[0].bytes), keyOf(inserted));
-    EXPECT_EQ(qor::u32At(removals[0].bytes, 256), 119u);
-    EXPECT_EQ(textAt(removals[0].bytes, 268), c.line);
-    EXPECT_EQ(textAt(since("qorCfgSync").at(0).bytes, 272), c.line);
-    EXPECT_EQ(since("qorPortCfgNotif").at(0).bytes, portNotice(vlanIf(10), 1));
-    EXPECT_TRUE(qorfake::cfgLines().empty());
-    EXPECT_EQ(relayv6Head, nullptr);
+// In the default VRF and in a named one.
+TEST_F(Helpers, RemovalWritesTheNoFormAndRemovesTheStoredLineByItsKey) {
+    const struct {
+        uint32_t vrfId;
+        const char* vrf;
+        const char* line;
+    } cases[] = {{0, "", " no ipv6 helper-address 2001:db8::5"},
+                 {3, "blue", " no ipv6 helper-address vrf blue 2001:db8::5"}};
+    for (const auto& c : cases) {
+        markCalls();
+        EXPECT_EQ(add(vlanIf(10), "2001:db8::5", c.vrfId, c.vrf), 0);
+        const auto inserted = since("qorCfgInsert").at(0).bytes;
+        markCalls();
+        EXPECT_EQ(remove(vlanIf(10), "2001:db8::5", c.vrfId, c.vrf), 0);
+        const auto removals = since("qorCfgRemoveExact");
+        ASSERT_EQ(removals.size(), 1u);
+        EXPECT_EQ(keyOf(removals[0].bytes), keyOf(inserted));
+        EXPECT_EQ(qor::u32At(removals[0].bytes, 256), 119u);
+        EXPECT_EQ(textAt(removals[0].bytes, 268), c.line);
+        EXPECT_EQ(textAt(since("qorCfgSync").at(0).bytes, 272), c.line);
+        EXPECT_EQ(since("qorPortCfgNotif").at(0).bytes, portNotice(vlanIf(10), 1));
+        EXPECT_TRUE(qorfake::cfgLines().empty());
+        EXPECT_EQ(relayv6Head, nullptr);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    DefaultAndNamedVrf, HelperRemoval,
-    ::testing::Values(RemovalCase{0, "", " no ipv6 helper-address 2001:db8::5"},
-                      RemovalCase{3, "blue", " no ipv6 helper-address vrf blue 2001:db8::5"}));
 
 TEST_F(Helpers, RemovingAnUnknownHelperTouchesOnlyTheStore) {
     EXPECT_EQ(remove(vlanIf(10), "2001:db8::5"), 0);
@@ -302,30 +298,23 @@ TEST_F(Helpers, NotificationTlvsAreHandledInOrderWithinOneMessage) {
     EXPECT_EQ(relayv6Head, nullptr);
 }
 
-struct BadNotification {
-    const char* what;
-    int32_t count;
-    std::vector<Tlv> tlvs;
-};
-void PrintTo(const BadNotification& c, std::ostream* os) { *os << c.what; }
-
-class NotificationBounds : public Helpers, public ::testing::WithParamInterface<BadNotification> {};
-
-TEST_P(NotificationBounds, NothingBeyondTheValidTlvsIsActedOn) {
+TEST_F(Helpers, NothingBeyondTheValidTlvsOfANotificationIsActedOn) {
     add(vlanIf(10), "2001:db8::5");
-    auto m = ifmNotification(GetParam().count, GetParam().tlvs);
-    dhcpv6ProcessIfmTlvMessage(m);
-    EXPECT_NE(relayv6Lookup(vlanIf(10)), nullptr) << GetParam().what;
+    const struct {
+        const char* what;
+        int32_t count;
+        std::vector<Tlv> tlvs;
+    } cases[] = {{"count 0", 0, {{2, 8, vlanIf(10)}}},
+                 {"negative count", -1, {{2, 8, vlanIf(10)}}},
+                 {"a TLV shorter than its header ends the walk", 2, {{3, 2, 0}, {2, 8, vlanIf(10)}}},
+                 {"a TLV longer than the message is not read", 1, {{2, 0xFFFF, vlanIf(10)}}},
+                 {"count beyond the TLVs present", 2, {{3, 8, vlanIf(10)}}},
+                 {"delete without its ifIndex", 1, {{2, 4, vlanIf(10)}}}};
+    for (const auto& c : cases) {
+        auto m = ifmNotification(c.count, c.tlvs);
+        dhcpv6ProcessIfmTlvMessage(m);
+        EXPECT_NE(relayv6Lookup(vlanIf(10)), nullptr) << c.what;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    CountsAndLengths, NotificationBounds,
-    ::testing::Values(
-        BadNotification{"count 0", 0, {{2, 8, vlanIf(10)}}},
-        BadNotification{"negative count", -1, {{2, 8, vlanIf(10)}}},
-        BadNotification{"a TLV shorter than its header ends the walk", 2, {{3, 2, 0}, {2, 8, vlanIf(10)}}},
-        BadNotification{"a TLV longer than the message is not read", 1, {{2, 0xFFFF, vlanIf(10)}}},
-        BadNotification{"count beyond the TLVs present", 2, {{3, 8, vlanIf(10)}}},
-        BadNotification{"delete without its ifIndex", 1, {{2, 4, vlanIf(10)}}}));
 
 }  // namespace

@@ -5,9 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdint>
 #include <cstdio>
-#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -68,9 +66,9 @@ protected:
         if (tmrTaskSemId == nullptr) tmrTaskSemId = semBCreate(SEM_Q_FIFO, SEM_FULL);
         timerTaskReady = 1;
         tmrDebug(0);
-        g_fired.clear();
         g_periodic = nullptr;
-        g_t0 = qorTickGet();
+        restartClock();
+        openPipe();
     }
 
     void TearDown() override {
@@ -85,11 +83,18 @@ protected:
         qorPlatformSetIdentity(savedApplication, savedInstance);
     }
 
-    void openPipe(int limit = 12288) {
+    // Ticks in g_fired count from here.
+    static void restartClock() {
+        g_fired.clear();
+        g_t0 = qorTickGet();
+    }
+
+    // The relay manager's timer pipe; other owners have none.
+    void openPipe() {
         ASSERT_EQ(pipeDevCreate(kPipeName, 65536, 4), OK);
         fd = qorOsOpen(kPipeName, QOR_O_RDWR, 0);
         ASSERT_GE(fd, 0);
-        ASSERT_EQ(timerRegPipeFd(kOwner, 0, fd, limit), OK);
+        ASSERT_EQ(timerRegPipeFd(kOwner, 0, fd, 12288), OK);
     }
 
     timerEnt* make(int owner = kOwner, int service = 0) {
@@ -139,41 +144,28 @@ protected:
     }
 };
 
-// ---- when a timer fires ---------------------------------------------------------
-
-struct FireCase {
-    uint32_t msec;
-    uint64_t firesAtTick;
-};
-void PrintTo(const FireCase& c, std::ostream* os) { *os << c.msec << " ms"; }
-
-class TimerFireTick : public TimerTest, public ::testing::WithParamInterface<FireCase> {};
-
-TEST_P(TimerFireTick, FiresOnTheExpectedTickAndOnlyOnce) {
-    openPipe();
-    const FireCase& c = GetParam();
-    timerEnt* t = go(c.msec, 42);
-    step(c.firesAtTick - 1);
-    EXPECT_TRUE(g_fired.empty()) << "fired early";
-    EXPECT_EQ(timerActive(t), 1);
-    step(1);
-    EXPECT_EQ(g_fired, (Fires{{42, c.firesAtTick}}));
-    EXPECT_EQ(timerActive(t), 0);
-    step(1100);
-    EXPECT_EQ(g_fired.size(), 1u) << "a timer fires once";
-}
-
 // A timer waits at least 6 ticks; a whole number of revolutions (1024 ticks)
 // lands in the current bucket and fires a revolution late.
-INSTANTIATE_TEST_SUITE_P(TimerWheel, TimerFireTick,
-                         ::testing::Values(FireCase{0, 6}, FireCase{5, 6}, FireCase{10, 1},
-                                           FireCase{50, 5}, FireCase{70, 7}, FireCase{10230, 1023},
-                                           FireCase{10240, 2048}, FireCase{10250, 1025},
-                                           FireCase{20470, 2047}, FireCase{20480, 3072},
-                                           FireCase{20490, 2049}));
+TEST_F(TimerTest, FiresOnTheExpectedTickAndOnlyOnce) {
+    const std::pair<uint32_t, uint64_t> cases[] = {{0, 6},         {5, 6},         {10, 1},        {50, 5},
+                                                   {70, 7},        {10230, 1023},  {10240, 2048},  {10250, 1025},
+                                                   {20470, 2047},  {20480, 3072},  {20490, 2049}};
+    for (const auto& [msec, firesAt] : cases) {
+        SCOPED_TRACE(std::to_string(msec) + " ms");
+        restartClock();
+        timerEnt* t = go(msec, 42);
+        step(firesAt - 1);
+        EXPECT_TRUE(g_fired.empty()) << "fired early";
+        EXPECT_EQ(timerActive(t), 1);
+        step(1);
+        EXPECT_EQ(g_fired, (Fires{{42, firesAt}}));
+        EXPECT_EQ(timerActive(t), 0);
+        step(1100);
+        EXPECT_EQ(g_fired.size(), 1u) << "a timer fires once";
+    }
+}
 
 TEST_F(TimerTest, CountsFromTheCallNotFromTheLastWheelAdvance) {
-    openPipe();
     qorTickAdvance(3);  // the timer task has not advanced the wheel for 3 ticks
     go(100, 1);
     step(9);
@@ -189,7 +181,6 @@ TEST_F(TimerTest, CountsFromTheCallNotFromTheLastWheelAdvance) {
 }
 
 TEST_F(TimerTest, TheTaskPeriodDeliversAtTheFirstAdvanceAfterExpiry) {
-    openPipe();
     go(0, 1);
     go(70, 2);
     for (int i = 0; i < 3; ++i) {
@@ -201,10 +192,7 @@ TEST_F(TimerTest, TheTaskPeriodDeliversAtTheFirstAdvanceAfterExpiry) {
     EXPECT_EQ(timer_more_than_one_tick_elapsed, 0u) << "an on-time task is not late";
 }
 
-// ---- order inside a bucket --------------------------------------------------------
-
 TEST_F(TimerTest, OneBucketHoldsManyRevolutionsInInsertionOrder) {
-    openPipe();
     for (long arg : {3, 1, 2}) go(100, arg);
     // Same bucket as the 50 ms timer, 1, 2 or 3 revolutions on; started out of order.
     go(20530, 13);
@@ -213,41 +201,37 @@ TEST_F(TimerTest, OneBucketHoldsManyRevolutionsInInsertionOrder) {
     go(10290, 12);
     go(10290, 22);
     step(3100);
-    EXPECT_EQ(g_fired, (Fires{{11, 5}, {3, 10}, {1, 10}, {2, 10}, {12, 1029}, {22, 1029},
-                              {13, 2053}, {15, 3077}}));
+    EXPECT_EQ(g_fired, (Fires{{11, 5}, {3, 10}, {1, 10}, {2, 10}, {12, 1029}, {22, 1029}, {13, 2053}, {15, 3077}}));
 }
 
 TEST_F(TimerTest, TimersJoiningABucketAfterItWasPassedKeepTheirOrder) {
-    openPipe();
-    go(20530, 1);                     // bucket 5, two revolutions on
-    timerEnt* c = go(30770, 3);       // bucket 5, three on
-    step(5);                          // the wheel passes bucket 5 once
+    go(20530, 1);                // bucket 5, two revolutions on
+    timerEnt* c = go(30770, 3);  // bucket 5, three on
+    step(5);                     // the wheel passes bucket 5 once
     ASSERT_EQ(timerCancel(c), TIMER_CANCEL_OK);
     go(10240, 2);  // bucket 5 again, a revolution late: due with the first
     step(2100);
     EXPECT_EQ(g_fired, (Fires{{1, 2053}, {2, 2053}}));
 }
 
-class TimerCancelInBucket : public TimerTest, public ::testing::WithParamInterface<int> {};
-
-TEST_P(TimerCancelInBucket, OthersInTheBucketStayOnTime) {
-    openPipe();
+// Head, middle, tail and a lone timer of one bucket cancelled in turn.
+TEST_F(TimerTest, CancelInABucketKeepsTheOthersOnTime) {
     const Fires all = {{1, 7}, {2, 1031}, {3, 2055}, {4, 3079}};
-    std::vector<timerEnt*> ts;
-    for (const auto& [arg, tick] : all) ts.push_back(go(uint32_t(tick) * 10, arg));
-    const int victim = GetParam();
-    ASSERT_EQ(timerCancel(ts[size_t(victim)]), TIMER_CANCEL_OK);
-    EXPECT_EQ(timerActive(ts[size_t(victim)]), 0);
-    step(3100);
-    auto expected = all;
-    expected.erase(expected.begin() + victim);
-    EXPECT_EQ(g_fired, expected);
+    for (size_t victim = 0; victim < all.size(); ++victim) {
+        SCOPED_TRACE("cancelled " + std::to_string(victim));
+        restartClock();
+        std::vector<timerEnt*> ts;
+        for (const auto& [arg, tick] : all) ts.push_back(go(uint32_t(tick) * 10, arg));
+        ASSERT_EQ(timerCancel(ts[victim]), TIMER_CANCEL_OK);
+        EXPECT_EQ(timerActive(ts[victim]), 0);
+        step(3100);
+        auto expected = all;
+        expected.erase(expected.begin() + long(victim));
+        EXPECT_EQ(g_fired, expected);
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(TimerHeadMiddleTail, TimerCancelInBucket, ::testing::Values(0, 1, 2, 3));
-
 TEST_F(TimerTest, CancelledTimerRestartsInAnotherBucket) {
-    openPipe();
     timerEnt* a = go(100, 1);
     go(100, 2);
     ASSERT_EQ(timerCancel(a), TIMER_CANCEL_OK);
@@ -256,10 +240,7 @@ TEST_F(TimerTest, CancelledTimerRestartsInAnotherBucket) {
     EXPECT_EQ(g_fired, (Fires{{1, 3}, {2, 10}}));
 }
 
-// ---- a late timer task ---------------------------------------------------------------
-
 TEST_F(TimerTest, LateTaskFiresEverythingDueInOrder) {
-    openPipe();
     go(150, 2);
     go(250, 3);
     go(50, 1);
@@ -272,65 +253,47 @@ TEST_F(TimerTest, LateTaskFiresEverythingDueInOrder) {
     EXPECT_EQ(g_fired, (Fires{{1, 20}, {2, 20}, {3, 25}}));
 }
 
-// ---- start, cancel, active ---------------------------------------------------------
-
-class TimerRestartWhileBusy : public TimerTest, public ::testing::WithParamInterface<bool> {};
-
-TEST_P(TimerRestartWhileBusy, StartingAnActiveOrInFlightTimerChangesNothing) {
-    openPipe();
-    timerEnt* t = go(100, 1);
-    if (GetParam()) step(10, false);  // expired, its expiry in the pipe
-    tmrDebug(1);
-    const std::string out = captured([&] { EXPECT_EQ(timerStart(t, 500, recordExpiry, 2), TIMER_START_ACTIVE); });
-    if (!GetParam()) {
-        EXPECT_NE(out.find("Timer is still active. mod: 336:0 State: 0x22222222 Timer: "), npos) << out;
+// On the wheel, and expired with its expiry in the pipe.
+TEST_F(TimerTest, StartingAnActiveOrInFlightTimerChangesNothing) {
+    for (bool inFlight : {false, true}) {
+        SCOPED_TRACE(inFlight ? "in flight" : "on the wheel");
+        restartClock();
+        timerEnt* t = go(100, 1);
+        if (inFlight) step(10, false);
+        tmrDebug(1);
+        const std::string out = captured([&] { EXPECT_EQ(timerStart(t, 500, recordExpiry, 2), TIMER_START_ACTIVE); });
+        if (!inFlight) {
+            EXPECT_NE(out.find("Timer is still active. mod: 336:0 State: 0x22222222 Timer: "), npos) << out;
+        }
+        tmrDebug(0);
+        deliver();
+        step(60);
+        EXPECT_EQ(g_fired, (Fires{{1, 10}}));
     }
-    tmrDebug(0);
-    deliver();
-    step(60);
-    EXPECT_EQ(g_fired, (Fires{{1, 10}}));
 }
 
-INSTANTIATE_TEST_SUITE_P(OnTheWheelAndInFlight, TimerRestartWhileBusy, ::testing::Bool());
-
-enum class IdleHow { NeverStarted, Cancelled, Delivered };
-
-class TimerCancelIdle : public TimerTest, public ::testing::WithParamInterface<IdleHow> {};
-
-TEST_P(TimerCancelIdle, ReturnsNotActiveAndStartsAgain) {
-    openPipe();
-    timerEnt* t = make();
-    if (GetParam() != IdleHow::NeverStarted) {
-        ASSERT_EQ(timerStart(t, 100, recordExpiry, 1), TIMER_START_OK);
-        if (GetParam() == IdleHow::Cancelled)
-            ASSERT_EQ(timerCancel(t), TIMER_CANCEL_OK);
-        else
-            step(10);
-    }
-    EXPECT_EQ(timerActive(t), 0);
-    EXPECT_EQ(timerRemainMsec(t), 0u);
-    EXPECT_EQ(timerCancel(t), TIMER_CANCEL_NOT_ACTIVE);
-    EXPECT_EQ(timerStart(t, 100, recordExpiry, 7), TIMER_START_OK) << "an idle timer starts";
-}
-
-INSTANTIATE_TEST_SUITE_P(TimerStates, TimerCancelIdle,
-                         ::testing::Values(IdleHow::NeverStarted, IdleHow::Cancelled, IdleHow::Delivered));
-
-TEST_F(TimerTest, ExpiryRunsOnlyWhenTheOwnerReadsItsPipe) {
-    openPipe();
+TEST_F(TimerTest, IdleTimerCancelReturnsNotActiveAndStartsAgain) {
     EXPECT_EQ(timerActive(nullptr), 0);
-    timerEnt* t = go(100, 1);
-    step(10, false);
-    EXPECT_EQ(waiting(), 1);
-    EXPECT_EQ(timerActive(t), 1) << "expiry on its way";
-    EXPECT_TRUE(g_fired.empty());
-    deliver();
-    EXPECT_EQ(g_fired.size(), 1u);
-    EXPECT_EQ(timerActive(t), 0);
+    enum { NeverStarted, Cancelled, Delivered };
+    for (int how : {NeverStarted, Cancelled, Delivered}) {
+        SCOPED_TRACE(how);
+        timerEnt* t = make();
+        if (how != NeverStarted) {
+            ASSERT_EQ(timerStart(t, 100, recordExpiry, 1), TIMER_START_OK);
+            if (how == Cancelled) {
+                ASSERT_EQ(timerCancel(t), TIMER_CANCEL_OK);
+            } else {
+                step(10);
+            }
+        }
+        EXPECT_EQ(timerActive(t), 0);
+        EXPECT_EQ(timerRemainMsec(t), 0u);
+        EXPECT_EQ(timerCancel(t), TIMER_CANCEL_NOT_ACTIVE);
+        EXPECT_EQ(timerStart(t, 100, recordExpiry, 7), TIMER_START_OK) << "an idle timer starts";
+    }
 }
 
 TEST_F(TimerTest, PeriodicTimerRestartsFromItsCallback) {
-    openPipe();
     g_periodic = make();
     ASSERT_EQ(timerStart(g_periodic, 100, periodicExpiry, 9), TIMER_START_OK);
     step(35);
@@ -339,12 +302,12 @@ TEST_F(TimerTest, PeriodicTimerRestartsFromItsCallback) {
     EXPECT_EQ(qorMemLiveCount(timerCbPoolId), 1u) << "the timer reuses its one block";
 }
 
-// ---- cancel and delete while the expiry is on its way ------------------------------------
-
-TEST_F(TimerTest, CancelWhileExpiryInFlightDropsItAndAllowsRestart) {
-    openPipe();
+TEST_F(TimerTest, ExpiryRunsOnlyWhenReadAndCancelInFlightDropsIt) {
     timerEnt* t = go(100, 1);
     step(10, false);
+    EXPECT_EQ(waiting(), 1);
+    EXPECT_EQ(timerActive(t), 1) << "expiry on its way";
+    EXPECT_TRUE(g_fired.empty()) << "nothing runs before the owner reads its pipe";
     ASSERT_EQ(timerCancel(t), TIMER_CANCEL_OK);
     EXPECT_EQ(timerActive(t), 0);
     EXPECT_EQ(qorMemLiveCount(timerCbPoolId), 2u) << "the block in flight and the timer's new one";
@@ -358,7 +321,6 @@ TEST_F(TimerTest, CancelWhileExpiryInFlightDropsItAndAllowsRestart) {
 }
 
 TEST_F(TimerTest, DeleteFreesActiveIdleAndInFlightTimers) {
-    openPipe();
     timerEnt* inFlight = go(100, 1);
     step(10, false);
     ASSERT_EQ(waiting(), 1);
@@ -379,7 +341,6 @@ TEST_F(TimerTest, DeleteFreesActiveIdleAndInFlightTimers) {
 }
 
 TEST_F(TimerTest, WordsThatAreNotExpiriesAreIgnored) {
-    openPipe();
     timerEnt* t = make();
     const uint32_t idleWord = qorMemBlockHandle(timerCbPoolId, t->cb);
     ASSERT_NE(idleWord, 0u);
@@ -402,40 +363,32 @@ TEST_F(TimerTest, WordsThatAreNotExpiriesAreIgnored) {
     EXPECT_EQ(qorMemDoubleFreeCount(), 0u);
 }
 
-// ---- the pipe backlog ----------------------------------------------------------------------
-
-struct BacklogCase {
-    int limit;
-    int unread;  // words already waiting when the timer expires
-    bool postponed;
-};
-void PrintTo(const BacklogCase& c, std::ostream* os) { *os << c.unread << " unread, limit " << c.limit; }
-
-class TimerBacklog : public TimerTest, public ::testing::WithParamInterface<BacklogCase> {};
-
-TEST_P(TimerBacklog, FullPipePostponesTheExpiryOneSecond) {
-    const BacklogCase& c = GetParam();
-    openPipe(c.limit);
-    const uint32_t failsBefore = tmrMgrWriteFailCnt;
+// An expiry that finds `unread` words waiting at or over the owner's limit
+// waits a second; it is postponed, not lost.
+TEST_F(TimerTest, FullPipePostponesTheExpiryOneSecond) {
+    const struct {
+        int limit, unread;
+        bool postponed;
+    } cases[] = {{4, 3, false}, {4, 4, true}, {4, 5, true}, {12288, 12287, false}, {12288, 12288, true}};
     const uint32_t junk = 0xFFFFFFFF;  // words that name no block
-    for (int i = 0; i < c.unread; ++i) ASSERT_EQ(write(fd, &junk, 4), 4);
-    timerEnt* t = go(100, 1);
-    step(10, false);
-    EXPECT_EQ(waiting(), c.postponed ? c.unread : c.unread + 1);
-    EXPECT_EQ(timerActive(t), 1);
-    deliver();
-    step(200);
-    EXPECT_EQ(g_fired, (Fires{{1, c.postponed ? 110u : 10u}}));
-    EXPECT_EQ(tmrMgrWriteFailCnt, failsBefore) << "a postponed expiry is not a lost one";
-}
-
-INSTANTIATE_TEST_SUITE_P(TimerLimits, TimerBacklog,
-                         ::testing::Values(BacklogCase{4, 3, false}, BacklogCase{4, 4, true},
-                                           BacklogCase{4, 5, true}, BacklogCase{12288, 12287, false},
-                                           BacklogCase{12288, 12288, true}));
-
-TEST_F(TimerTest, BacklogDeliversEveryExpiryOnceThereIsRoom) {
-    openPipe(4);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(c.unread) + " unread, limit " + std::to_string(c.limit));
+        ASSERT_EQ(timerRegPipeFd(kOwner, 0, fd, c.limit), OK);
+        restartClock();
+        const uint32_t failsBefore = tmrMgrWriteFailCnt;
+        for (int i = 0; i < c.unread; ++i) ASSERT_EQ(write(fd, &junk, 4), 4);
+        timerEnt* t = go(100, 1);
+        step(10, false);
+        EXPECT_EQ(waiting(), c.postponed ? c.unread : c.unread + 1);
+        EXPECT_EQ(timerActive(t), 1);
+        deliver();
+        step(200);
+        EXPECT_EQ(g_fired, (Fires{{1, c.postponed ? 110u : 10u}}));
+        EXPECT_EQ(tmrMgrWriteFailCnt, failsBefore);
+    }
+    // Several due at once: as many as there is room for now, the rest a second later.
+    ASSERT_EQ(timerRegPipeFd(kOwner, 0, fd, 4), OK);
+    restartClock();
     for (long arg = 1; arg <= 6; ++arg) go(100, arg);
     step(10, false);
     EXPECT_EQ(deliver(), 4u);
@@ -444,7 +397,7 @@ TEST_F(TimerTest, BacklogDeliversEveryExpiryOnceThereIsRoom) {
 }
 
 TEST_F(TimerTest, LostExpiryIsCountedAndLeavesTheTimerIdle) {
-    openPipe(1000000);  // a limit beyond what the pipe holds
+    ASSERT_EQ(timerRegPipeFd(kOwner, 0, fd, 1000000), OK);  // a limit beyond what the pipe holds
     const uint32_t junk = 0xFFFFFFFF;
     while (write(fd, &junk, 4) == 4) {
     }
@@ -459,8 +412,6 @@ TEST_F(TimerTest, LostExpiryIsCountedAndLeavesTheTimerIdle) {
     step(10);
     EXPECT_EQ(g_fired, (Fires{{2, 20}}));
 }
-
-// ---- owners without a pipe: an IPC message to the service queue ----------------------------
 
 TEST_F(TimerTest, OwnerWithoutPipeGetsTheExpiryAsAnIpcMessage) {
     ASSERT_EQ(timerStart(make(200, 1), 100, recordExpiry, 5), TIMER_START_OK);
@@ -489,19 +440,13 @@ TEST_F(TimerTest, FailedIpcSendIsReportedAndLeavesTheTimerIdle) {
     EXPECT_EQ(timerActive(t), 0);
 }
 
-// ---- registration ----------------------------------------------------------------------------
-
-class TimerOwnerOutsideTable : public TimerTest, public ::testing::WithParamInterface<int> {};
-
-TEST_P(TimerOwnerOutsideTable, FailsTheRegistrationAssertion) {
+TEST_F(TimerTest, OwnerOutsideTheTableFailsTheRegistrationAssertion) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_DEATH(timerRegPipeFd(GetParam(), 0, 5, 4), "\\(mod - 1\\) < END_OF_APP_SERVICES");
+    for (int owner : {365, 0, -1})
+        EXPECT_DEATH(timerRegPipeFd(owner, 0, 5, 4), "\\(mod - 1\\) < END_OF_APP_SERVICES") << owner;
 }
 
-INSTANTIATE_TEST_SUITE_P(TimerOwners, TimerOwnerOutsideTable, ::testing::Values(365, 0, -1));
-
 TEST_F(TimerTest, RegistrationsAreListedAndANonPipeIsRefused) {
-    openPipe();
     ASSERT_EQ(timerRegPipeFd(364, 1, fd, 4), OK);  // the last owner in the table
     const std::string f = std::to_string(fd);
     EXPECT_EQ(captured(showTmrMgrSvc),
@@ -511,23 +456,18 @@ TEST_F(TimerTest, RegistrationsAreListedAndANonPipeIsRefused) {
               "timerRegPipeFd: ioctl FIOSMSGS failed: errno 9, fd 9999\r\n");
 }
 
-// ---- allocation failures ------------------------------------------------------------------------
-
-class TimerCreateFails : public TimerTest, public ::testing::WithParamInterface<bool> {};
-
-TEST_P(TimerCreateFails, ReturnsNullAndKeepsNothing) {
-    qorMemFailNextAlloc(GetParam() ? timerCbPoolId : timerEntPoolId);
+TEST_F(TimerTest, CreateWithoutMemoryReturnsNullAndKeepsNothing) {
     tmrDebug(1);
-    EXPECT_EQ(captured([] { EXPECT_EQ(timerCreate(kOwner, 0), nullptr); }),
-              GetParam() ? "Error in allocating memory for timer IPC" : "Error in allocating memory for timer");
-    EXPECT_EQ(qorMemLiveCount(timerEntPoolId), 0u);
-    EXPECT_EQ(qorMemLiveCount(timerCbPoolId), 0u);
+    for (bool blockPool : {false, true}) {
+        qorMemFailNextAlloc(blockPool ? timerCbPoolId : timerEntPoolId);
+        EXPECT_EQ(captured([] { EXPECT_EQ(timerCreate(kOwner, 0), nullptr); }),
+                  blockPool ? "Error in allocating memory for timer IPC" : "Error in allocating memory for timer");
+        EXPECT_EQ(qorMemLiveCount(timerEntPoolId), 0u);
+        EXPECT_EQ(qorMemLiveCount(timerCbPoolId), 0u);
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(RecordAndBlockPools, TimerCreateFails, ::testing::Bool());
-
 TEST_F(TimerTest, TimerWithoutBlockCannotStartUntilOneIsFound) {
-    openPipe();
     timerEnt* t = go(100, 1);
     step(10, false);
     qorMemFailNextAlloc(timerCbPoolId);  // no fresh block for the cancelled timer
@@ -539,8 +479,6 @@ TEST_F(TimerTest, TimerWithoutBlockCannotStartUntilOneIsFound) {
     step(10);
     EXPECT_EQ(g_fired, (Fires{{3, 20}}));
 }
-
-// ---- start-up and listings ------------------------------------------------------------------------
 
 TEST_F(TimerTest, UnknownServiceGetsNoPools) {
     timerCleanup();
@@ -563,22 +501,19 @@ TEST_F(TimerTest, ListingsShowTheWheelAndTheClock) {
          {"Current Array Index        : 0\n", "Elements in Array Index 10:\n",
           "There were 2 elements in array index 10\n", "Elements in Array Index 20:\n",
           "There were 1 elements in array index 20\n",
-          "There were a total of 3 elements in the timing wheel\n",
-          "The max list length was 2 at array index 10\n", "more than one tick elapsed : 0\n",
-          "owner 336 0 10 ticks 0, fp ", ", data 8\n"})
+          "There were a total of 3 elements in the timing wheel\n", "The max list length was 2 at array index 10\n",
+          "more than one tick elapsed : 0\n", "owner 336 0 10 ticks 0, fp ", ", data 8\n"})
         EXPECT_NE(out.find(line), npos) << line << "\n" << out;
     EXPECT_NE(out.find(", data 7\nowner 336 0 10 ticks 1, fp "), npos)
         << "the second timer waits one more revolution\n" << out;
     qorTickAdvance(4);
     EXPECT_EQ(captured(printTimerValues),
               "ticks_per_sec: 100 \r\nmsec_per_tick: 10 \r\nfloat_msec_per_tick: 10.000000 \r\n"
-              "time_in_ticks: 1000004 \r\ntimer_interval_in_ticks 6 \r\n"
-              "timer_ticks_last_timer: 1000000 \r\n");
+              "time_in_ticks: 1000004 \r\ntimer_interval_in_ticks 6 \r\ntimer_ticks_last_timer: 1000000 \r\n");
     EXPECT_EQ(current_msec(), 10000040u);
 }
 
 TEST_F(TimerTest, CancelTracesSayWhatWasCancelled) {
-    openPipe();
     timerEnt* a = go(100, 1);
     go(10340, 2);  // same bucket, a revolution on
     tmrDebug(4);
