@@ -8,6 +8,9 @@ packages=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libmnl-dev libinih-dev libedit-dev nlohmann-json3-dev
   iproute2 procps
+  # the demonstration lab and the end-to-end tests: a DHCPv6 server, client
+  # and (as a peer relay) ISC dhcrelay, captures and their readers
+  kea-dhcp6-server isc-dhcp-client isc-dhcp-relay tcpdump python3
 )
 
 missing=()
@@ -20,5 +23,7 @@ echo "installing: ${missing[*]}"
 sudo=""
 [ "$(id -u)" -ne 0 ] && sudo="sudo"
 export DEBIAN_FRONTEND=noninteractive
+# The lab runs its own Kea inside its namespaces with its own pid and lock
+# directories, so a Kea service the package may start on the host is harmless.
 $sudo apt-get update -qq
 $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -1,0 +1,47 @@
+#!/usr/bin/env bash
+# Two helper addresses in two VRFs: each server is reachable from the relay
+# only through its VRF's routing table, and each gets every Relay-Forward.
+. "$(dirname "$0")/lib.sh" vrf
+
+nl_ns client; nl_ns relay
+nl_link client c0 relay r-e11
+nl_addr relay r-e11 2001:db8:10::1/64
+e2e_server red r-red s-red 2001:db8:ee
+e2e_server blue r-blue s-blue 2001:db8:dd
+for v in red:ee:101 blue:dd:102; do
+    IFS=: read -r name net table <<<"$v"
+    ip -n "${NL_PREFIX}relay" -6 route del "2001:db8:$net::/64" dev "r-$name"
+    ip -n "${NL_PREFIX}relay" -6 route add "2001:db8:$net::/64" dev "r-$name" table "$table"
+done
+unreachable() { ! nl_exec relay ip -6 route get "$1" >/dev/null 2>&1; }
+check "the main table has no route to either server" unreachable 2001:db8:ee::2
+check "(nor to the second)" unreachable 2001:db8:dd::2
+
+e2e_relay '[vrf red]
+id = 1
+table = 101
+
+[vrf blue]
+id = 2
+table = 102
+
+[interface ethernet 1/5]
+linux = r-red
+vrf = red
+
+[interface ethernet 1/6]
+linux = r-blue
+vrf = blue'
+cli "interface vlan 10" "ipv6 helper-address vrf red 2001:db8:ee::2" \
+    "ipv6 helper-address vrf blue 2001:db8:dd::2" "end"
+
+ll=$(lladdr client c0)
+nl_dhclient client c0 client -N
+check "the client gets an address" nl_wait 30 nl_has_lease client 'iaaddr 2001:db8:10::'
+for v in red:ee blue:dd; do
+    IFS=: read -r name net <<<"$v"
+    for type in SOLICIT REQUEST; do
+        expect "$name" "the server in VRF $name gets the $type" \
+            "^vlan=- 2001:db8:$net::1 -> 2001:db8:$net::2 udp=547>547 RELAY-FORWARD hop=0 link=2001:db8:10::1 peer=$ll ifid=10:0:1:1 $E2E_RID > $type"
+    done
+done
