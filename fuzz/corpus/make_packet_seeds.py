@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Writes the seed frames of the packet fuzz targets (dhcpv6pkt, relay_start,
-relay_reply) into fuzz/corpus/<target>/. Run from anywhere; the seeds are
+relay_reply, l2frame) into fuzz/corpus/<target>/. Run from anywhere; the seeds are
 committed, this only remakes them.
 
 The network the seeds come from is the one the relay_start and relay_reply
@@ -151,6 +151,53 @@ def main():
     write("relay_reply", "in_vlan10_with_debug", b"\x0c" + relay_reply_to_client())
     write("relay_reply", "reply_passing_through", b"\x01" + reply_msg())
     write("relay_reply", "advertise_to_546", b"\x03" + bytes([2]) + reply_msg()[1:])
+
+    # ---- the packet layer's frames: 10 control bytes, then the frame ----
+    for name, data in l2frame_seeds():
+        write("l2frame", name, data)
+
+
+# The l2frame target's arrival interfaces and egresses, by their place in its tables.
+L2_ARRIVAL = {"p1": 0, "p2": 1, "p3": 2, "p4": 3, "p6": 5, "m0": 7, "br10": 8}
+L2_EGRESS = {"vlan 10": 1, "ethernet 1/1": 3, "ethernet 1/2": 4, "ethernet 1/3": 5, "port-channel 3": 11}
+L2_META_TAG, L2_CSUM_PENDING, L2_FLOOD_CMD = 1, 4, 16
+
+
+def l2_control(arrival, frm, flags=0, tci=0, egress="ethernet 1/1", option_vlan=0, links_up=0xFF):
+    # The receive buffer holds the whole frame and its 18-byte header.
+    return struct.pack(">BBHHBBH", L2_ARRIVAL[arrival], flags, tci, len(frm), links_up,
+                       L2_EGRESS[egress], option_vlan) + frm
+
+
+def untagged(dst_mac, src_mac, ip6):
+    return dst_mac + src_mac + struct.pack(">H", 0x86DD) + ip6
+
+
+def l2frame_seeds():
+    solicit = from_client(1)
+    to_server = ip6_udp(RELAY_ADDR, SERVER, 547, 547, relay(12, 0, RELAY_ADDR, CLIENT_LL, client_msg(1), b"10:0:0:5"))
+    reply = ip6_udp(SERVER, RELAY_ADDR, 547, 547, relay_reply_to_client())
+    server_mac = bytes.fromhex("02aa00000002")
+    flood_hdr = struct.pack(">IIII", 6, PORT_1_1, 7, VLAN10) + bytes(8)
+    # An odd UDP length, so the checksum's last byte is padded.
+    odd = ip6_udp(SERVER, RELAY_ADDR, 547, 547, relay_reply_to_client() + b"\x00")
+    padded = untagged(ALL_DHCP, CLIENT_MAC, ip6_udp(CLIENT_LL, MCAST, 546, 547, b"\x0b\x00\x00\x01"))
+    padded += bytes(max(0, 60 - len(padded)) + 4)
+    return [
+        ("untagged_solicit_access_port", l2_control("p1", untagged(ALL_DHCP, CLIENT_MAC, solicit))),
+        ("tagged_solicit_trunk", l2_control("p2", frame(ALL_DHCP, CLIENT_MAC, 20, solicit), egress="vlan 10")),
+        ("meta_tagged_solicit", l2_control("p6", untagged(ALL_DHCP, CLIENT_MAC, solicit), L2_META_TAG, 10,
+                                           egress="ethernet 1/2", option_vlan=20)),
+        ("relay_reply_routed_csum", l2_control("p3", untagged(RELAY_MAC, server_mac, reply), L2_CSUM_PENDING,
+                                               egress="ethernet 1/3")),
+        ("relay_reply_odd_csum", l2_control("p3", untagged(RELAY_MAC, server_mac, odd), L2_CSUM_PENDING)),
+        ("relay_forw_lag_member", l2_control("p4", untagged(server_mac, RELAY_MAC, to_server),
+                                             egress="port-channel 3", links_up=0xF7)),
+        ("solicit_management", l2_control("m0", untagged(ALL_DHCP, CLIENT_MAC, solicit))),
+        ("solicit_bridge_copy", l2_control("br10", untagged(ALL_DHCP, CLIENT_MAC, solicit))),
+        ("trailing_padding", l2_control("p1", padded)),
+        ("flood_vlan10", l2_control("p1", flood_hdr + frame(ALL_DHCP, CLIENT_MAC, 10, solicit), L2_FLOOD_CMD)),
+    ]
 
 
 if __name__ == "__main__":

@@ -2,7 +2,8 @@
 // socket (one AF_PACKET socket over every mapped port), frames sent and
 // flooded out of mapped ports with the VLAN tag written in user space, and
 // the relay socket's VRF and source-interface options. Every other family
-// and option goes to the kernel.
+// and option goes to the kernel. What a frame means (qor/l2frame.h) is
+// decided over its bytes; this file reads, writes and names interfaces.
 #include "qor/l2sock.h"
 
 #include <fcntl.h>
@@ -23,13 +24,14 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "netintf.h"
 #include "qor/bytes.h"
-#include "qor/ifm.h"
+#include "qor/l2frame.h"
 
 namespace {
+
+namespace l2frame = qor::l2frame;
 
 // ---- descriptors made here and what they were told ---------------------------------
 
@@ -115,33 +117,9 @@ bool linkUp(int fd, const std::string& name) {
     return (req.ifr_flags & IFF_UP) != 0 && (req.ifr_flags & IFF_RUNNING) != 0;
 }
 
-// ---- VLAN membership -----------------------------------------------------------------
-
-bool isPort(uint32_t ifIndex) {
-    const uint32_t type = ifmIfIndexToIfType(ifIndex);
-    return type == IFM_IFTYPE_ETHERNET || type == IFM_IFTYPE_PE_ETHERNET;
-}
-
-bool carriesTagged(const QorHostIf& cfg, uint32_t vlan) {
-    return vlan != 0 && std::binary_search(cfg.taggedVlans.begin(), cfg.taggedVlans.end(), vlan);
-}
-
-bool carries(const QorHostIf& cfg, uint32_t vlan) {
-    return vlan != 0 && (cfg.untaggedVlan == vlan || carriesTagged(cfg, vlan));
-}
-
-bool isRouted(const QorHostIf& cfg) { return cfg.untaggedVlan == 0 && cfg.taggedVlans.empty(); }
-
-// A port-channel member carries what its port-channel carries.
-const QorHostIf& vlanConfigOf(const QorHostMap& map, const QorHostIf& port) {
-    const QorHostIf* lag = map.find(map.lagOf(port.ifIndex));
-    return lag != nullptr ? *lag : port;
-}
-
 // ---- the protocol socket ---------------------------------------------------------------
 
 constexpr uint32_t kAcceptBytes = 0x40000;
-constexpr uint16_t kTpid = ETH_P_8021Q;
 
 // IPv6 UDP to port 546 or 547, untagged or with one inline 802.1Q tag (the
 // kernel usually moves a received tag into the metadata, where the filter
@@ -206,21 +184,14 @@ int protoSocket() {
     return fd;
 }
 
-// One frame as read: where it came from and its VLAN tag from the metadata.
-struct RxFrame {
-    sockaddr_ll from{};
-    bool metaTag = false;
-    bool checksumPending = false;  // sent by this host with the checksum left to the NIC
-    uint16_t metaTci = 0;
-    uint16_t metaTpid = kTpid;
-};
-
-ssize_t readFrame(int fd, uint8_t* buf, size_t len, int flags, RxFrame& rx) {
+// One frame as read: what the socket layer learnt besides its bytes.
+ssize_t readFrame(int fd, uint8_t* buf, size_t len, int flags, l2frame::RxMeta& meta) {
     iovec iov{buf, len};
+    sockaddr_ll from{};
     alignas(cmsghdr) uint8_t control[CMSG_SPACE(sizeof(tpacket_auxdata))];
     msghdr msg{};
-    msg.msg_name = &rx.from;
-    msg.msg_namelen = sizeof rx.from;
+    msg.msg_name = &from;
+    msg.msg_namelen = sizeof from;
     msg.msg_iov = &iov;
     msg.msg_iovlen = 1;
     msg.msg_control = control;
@@ -233,104 +204,14 @@ ssize_t readFrame(int fd, uint8_t* buf, size_t len, int flags, RxFrame& rx) {
             continue;
         tpacket_auxdata aux;
         std::memcpy(&aux, CMSG_DATA(c), sizeof aux);
-        rx.metaTag = (aux.tp_status & TP_STATUS_VLAN_VALID) != 0;
-        rx.metaTci = aux.tp_vlan_tci;
-        rx.checksumPending = (aux.tp_status & TP_STATUS_CSUMNOTREADY) != 0;
-        if ((aux.tp_status & TP_STATUS_VLAN_TPID_VALID) != 0) rx.metaTpid = aux.tp_vlan_tpid;
+        meta.metaTag = (aux.tp_status & TP_STATUS_VLAN_VALID) != 0;
+        meta.metaTci = aux.tp_vlan_tci;
+        meta.checksumPending = (aux.tp_status & TP_STATUS_CSUMNOTREADY) != 0;
+        if ((aux.tp_status & TP_STATUS_VLAN_TPID_VALID) != 0) meta.metaTpid = aux.tp_vlan_tpid;
     }
+    meta.outgoing = from.sll_pkttype == PACKET_OUTGOING;
+    if (!meta.outgoing) meta.linuxName = linuxNameOf(fd, from.sll_ifindex);
     return n;
-}
-
-// What the daemon is told about an accepted frame.
-struct Delivery {
-    uint16_t vlan = 0;
-    uint32_t logical = 0, physical = 0, recv = 0;
-    size_t ipOffset = 0;  // of the IPv6 header in the frame as read
-};
-
-// The frame's VLAN id (0: untagged or priority-tagged) and where its IPv6
-// header starts; nothing for frames of another shape.
-std::optional<std::pair<uint16_t, size_t>> frameVlan(const RxFrame& rx, qor::ByteView frame) {
-    const uint16_t etherType = qor::u16At(frame, 12);
-    std::pair<uint16_t, size_t> v{0, 14};
-    if (rx.metaTag) {
-        if (rx.metaTpid != kTpid || etherType != ETH_P_IPV6) return std::nullopt;
-        v.first = rx.metaTci & 0x0FFF;
-    } else if (etherType == kTpid) {
-        if (qor::u16At(frame, 16) != ETH_P_IPV6) return std::nullopt;
-        v = {uint16_t(qor::u16At(frame, 14) & 0x0FFF), 18};
-    } else if (etherType != ETH_P_IPV6) {
-        return std::nullopt;
-    }
-    if (!qor::fits(frame.size(), v.second, 48)) return std::nullopt;  // IPv6 and UDP headers
-    return v;
-}
-
-// Decides whether a frame is delivered and as what. Frames of Linux
-// interfaces that are not mapped ports (a bridge above a port sees the same
-// frame again) and tagged frames of a VLAN the port does not carry are not.
-std::optional<Delivery> classify(int fd, const QorHostMap& map, const RxFrame& rx, qor::ByteView frame) {
-    if (rx.from.sll_pkttype == PACKET_OUTGOING) return std::nullopt;
-    const auto vlanAt = frameVlan(rx, frame);
-    if (!vlanAt) return std::nullopt;
-    const QorHostIf* port = map.portByLinuxName(linuxNameOf(fd, rx.from.sll_ifindex));
-    if (port == nullptr) return std::nullopt;
-    Delivery d;
-    d.ipOffset = vlanAt->second;
-    if (ifmIfIndexToIfType(port->ifIndex) == IFM_IFTYPE_MGMT) {
-        // The daemon drops these itself, by their physical interface.
-        d.logical = d.physical = d.recv = port->ifIndex;
-        return d;
-    }
-    const uint32_t lag = map.lagOf(port->ifIndex);
-    const QorHostIf& cfg = vlanConfigOf(map, *port);
-    const uint16_t tag = vlanAt->first;
-    if (tag != 0 && !carries(cfg, tag)) return std::nullopt;
-    if (tag == 0 && cfg.untaggedVlan == 0 && !isRouted(cfg)) return std::nullopt;  // a trunk without a native VLAN
-    d.vlan = tag != 0 ? tag : uint16_t(cfg.untaggedVlan);
-    d.physical = port->ifIndex;
-    d.recv = lag != 0 ? lag : port->ifIndex;
-    d.logical = d.vlan != 0 ? ifmCreateIfIndex(IFM_IFTYPE_VLAN, 0, 0, d.vlan) : d.recv;
-    return d;
-}
-
-// A UDP datagram a local sender handed to a device that computes checksums
-// (a veth does) reaches a packet socket with the checksum not yet written;
-// it is written here, as the frame would carry it on a wire.
-void completeUdpChecksum(qor::MutByteView ip) {
-    uint16_t udpLen = 0;
-    if (qor::u16At(ip, 4) + size_t(40) > ip.size() || ip[6] != IPPROTO_UDP || !qor::getU16(ip, 44, udpLen) ||
-        udpLen < 8 || !qor::fits(ip.size(), 40, udpLen))
-        return;
-    qor::putU16(ip, 46, 0);
-    uint32_t sum = IPPROTO_UDP + uint32_t(udpLen);
-    for (size_t i = 8; i < 40; i += 2) sum += qor::u16At(ip, i);
-    for (size_t i = 0; i + 1 < udpLen; i += 2) sum += qor::u16At(ip, 40 + i);
-    if (udpLen % 2 != 0) sum += uint32_t(ip[40 + udpLen - 1]) << 8;
-    while (sum > 0xFFFF) sum = (sum & 0xFFFF) + (sum >> 16);
-    const uint16_t checksum = uint16_t(~sum);
-    qor::putU16(ip, 46, checksum != 0 ? checksum : 0xFFFF);
-}
-
-// An untagged frame is read this far into the caller's buffer, so that its
-// IPv6 packet already sits where the 18-byte link header ends.
-constexpr size_t kLead = QOR_L2_HDR_LEN - 14;
-
-// Rewrites the frame read at buf + kLead into the link header and the IPv6
-// packet (without Ethernet padding). The bytes written.
-size_t deliver(uint8_t* buf, size_t len, qor::ByteView frame, const Delivery& d, bool checksumPending) {
-    uint8_t hdr[QOR_L2_HDR_LEN];
-    std::memcpy(hdr, frame.data(), 12);  // destination and source MAC
-    const qor::MutByteView h(hdr, sizeof hdr);
-    qor::putU16(h, 12, kTpid);
-    qor::putU16(h, 14, d.vlan);
-    qor::putU16(h, 16, ETH_P_IPV6);
-    const qor::ByteView ip = frame.subspan(d.ipOffset);
-    const size_t ipLen = std::min({ip.size(), size_t(40) + qor::u16At(ip, 4), len - QOR_L2_HDR_LEN});
-    std::memmove(buf + QOR_L2_HDR_LEN, ip.data(), ipLen);
-    std::memcpy(buf, hdr, sizeof hdr);
-    if (checksumPending) completeUdpChecksum(qor::MutByteView(buf + QOR_L2_HDR_LEN, ipLen));
-    return QOR_L2_HDR_LEN + ipLen;
 }
 
 // A bound on the frames one read drops, so the loop is never held here.
@@ -341,9 +222,9 @@ constexpr int kMaxFramesPerRead = 64;
 void dropQueuedStrays(int fd, const QorHostMap& map) {
     for (int i = 0; i < kMaxFramesPerRead; ++i) {
         uint8_t head[128];
-        RxFrame rx;
-        const ssize_t n = readFrame(fd, head, sizeof head, MSG_PEEK, rx);
-        if (n < 0 || classify(fd, map, rx, qor::ByteView(head, std::min(size_t(n), sizeof head)))) return;
+        l2frame::RxMeta meta;
+        const ssize_t n = readFrame(fd, head, sizeof head, MSG_PEEK, meta);
+        if (n < 0 || l2frame::classify(map, meta, qor::ByteView(head, std::min(size_t(n), sizeof head)))) return;
         if (recv(fd, head, sizeof head, MSG_DONTWAIT) < 0) return;
     }
 }
@@ -361,114 +242,42 @@ void fillSource(void* src, unsigned* srcLen) {
 
 ssize_t protoRecv(int fd, uint8_t* buf, size_t len, void* src, unsigned* srcLen, uint32_t* logical,
                   uint32_t* physical, uint32_t* recvPort) {
-    if (buf == nullptr || len < QOR_L2_HDR_LEN + 48) return fail(EINVAL);
+    if (buf == nullptr || len < l2frame::kMinRxBuffer) return fail(EINVAL);
     const auto map = qorHostMapGet();
+    const qor::MutByteView out(buf, len);
     for (int i = 0; i < kMaxFramesPerRead; ++i) {
-        RxFrame rx;
-        const ssize_t n = readFrame(fd, buf + kLead, len - kLead, 0, rx);
+        l2frame::RxMeta meta;
+        const ssize_t n = readFrame(fd, buf + l2frame::kRxLead, len - l2frame::kRxLead, 0, meta);
         if (n < 0) return -1;
-        const qor::ByteView frame(buf + kLead, std::min(size_t(n), len - kLead));
-        const auto d = classify(fd, *map, rx, frame);
+        const size_t frameLen = std::min(size_t(n), len - l2frame::kRxLead);
+        const auto d = l2frame::classify(*map, meta, out.subspan(l2frame::kRxLead, frameLen));
         if (!d) continue;
-        const size_t out = deliver(buf, len, frame, *d, rx.checksumPending);
+        const size_t delivered = l2frame::deliver(out, frameLen, *d, meta.checksumPending);
         dropQueuedStrays(fd, *map);
         fillSource(src, srcLen);
         if (logical) *logical = d->logical;
         if (physical) *physical = d->physical;
         if (recvPort) *recvPort = d->recv;
-        return ssize_t(out);
+        return ssize_t(delivered);
     }
     return fail(EAGAIN);
 }
 
 // ---- layer-2 sends ---------------------------------------------------------------------
 
-// A frame as the daemon gives it: MACs, an optional 802.1Q tag, the rest.
-struct TxFrame {
-    const uint8_t* macs = nullptr;  // 12 bytes
-    uint16_t tag = 0;               // the VLAN id of the tag, 0 when none
-    uint16_t etherType = 0;
-    qor::ByteView payload;
-};
-
-std::optional<TxFrame> parseTx(qor::ByteView b) {
-    if (b.size() < 14) return std::nullopt;
-    TxFrame f;
-    f.macs = b.data();
-    f.etherType = qor::u16At(b, 12);
-    size_t off = 14;
-    if (f.etherType == kTpid) {
-        if (b.size() < QOR_L2_HDR_LEN) return std::nullopt;
-        f.tag = qor::u16At(b, 14) & 0x0FFF;
-        f.etherType = qor::u16At(b, 16);
-        off = QOR_L2_HDR_LEN;
-    }
-    f.payload = b.subspan(off);
-    return f;
-}
-
-// Where a frame leaves: the port whose Linux interface sends it and the
-// interface whose VLANs apply (the port-channel's for a member).
-struct Egress {
-    const QorHostIf* port;
-    const QorHostIf* cfg;
-};
-
-std::optional<Egress> lagEgress(int fd, const QorHostMap& map, const QorHostIf& lag) {
-    for (uint32_t member : lag.members) {
-        const QorHostIf* port = map.find(member);
-        if (port != nullptr && !port->linuxName.empty() && linkUp(fd, port->linuxName)) return Egress{port, &lag};
-    }
-    return std::nullopt;
-}
-
-std::optional<Egress> portEgress(int fd, const QorHostMap& map, uint32_t ifIndex) {
-    const QorHostIf* itf = map.find(ifIndex);
-    if (itf == nullptr) return std::nullopt;
-    if (ifmIfIndexToIfType(ifIndex) == IFM_IFTYPE_LAG) return lagEgress(fd, map, *itf);
-    if (!isPort(ifIndex) || itf->linuxName.empty()) return std::nullopt;
-    return Egress{itf, &vlanConfigOf(map, *itf)};
-}
-
-// Every port of a VLAN (a port-channel once, through a member that is up),
-// but the one given and its port-channel.
-std::vector<Egress> vlanEgresses(int fd, const QorHostMap& map, uint32_t vlan, uint32_t except) {
-    const uint32_t exceptLag = ifmIfIndexToIfType(except) == IFM_IFTYPE_LAG ? except : map.lagOf(except);
-    std::vector<Egress> out;
-    for (const auto& [ifIndex, itf] : map.interfaces) {
-        if (!carries(itf, vlan) || ifIndex == except) continue;
-        if (isPort(ifIndex) && !itf.linuxName.empty() && map.lagOf(ifIndex) == 0) {
-            out.push_back({&itf, &itf});
-        } else if (ifmIfIndexToIfType(ifIndex) == IFM_IFTYPE_LAG && ifIndex != exceptLag) {
-            if (auto e = lagEgress(fd, map, itf)) out.push_back(*e);
-        }
-    }
-    return out;
-}
-
-// Writes the frame out of one port: tagged when the port carries the VLAN
-// tagged, untagged on its untagged VLAN, with no VLAN, or on a routed port.
-int sendOut(int fd, const Egress& e, const TxFrame& f, uint32_t vlan) {
-    const bool tagged = carriesTagged(*e.cfg, vlan);
-    if (vlan != 0 && !tagged && e.cfg->untaggedVlan != vlan && !isRouted(*e.cfg)) return fail(EINVAL);
-    uint8_t hdr[QOR_L2_HDR_LEN];
-    const qor::MutByteView h(hdr, sizeof hdr);
-    qor::putBytes(h, 0, f.macs, 12);
-    size_t hdrLen = 14;
-    if (tagged) {
-        qor::putU16(h, 12, kTpid);
-        qor::putU16(h, 14, uint16_t(vlan));
-        hdrLen = QOR_L2_HDR_LEN;
-    }
-    qor::putU16(h, hdrLen - 2, f.etherType);
+// Writes the frame out of one port.
+int sendOut(int fd, const l2frame::Egress& e, const l2frame::TxFrame& f, uint32_t vlan) {
+    const auto hdr = l2frame::txHeader(e, f, vlan);
+    if (!hdr) return fail(EINVAL);
     sockaddr_ll to{};
     to.sll_family = AF_PACKET;
-    to.sll_protocol = htons(tagged ? kTpid : f.etherType);
+    to.sll_protocol = htons(hdr->tagged ? l2frame::kTpid : f.etherType);
     to.sll_ifindex = linuxIfIndexOf(fd, e.port->linuxName);
     to.sll_halen = 6;
-    std::memcpy(to.sll_addr, f.macs, 6);
+    std::memcpy(to.sll_addr, f.macs.data(), 6);
     if (to.sll_ifindex == 0) return fail(ENODEV);
-    iovec iov[2] = {{hdr, hdrLen}, {const_cast<uint8_t*>(f.payload.data()), f.payload.size()}};
+    iovec iov[2] = {{const_cast<uint8_t*>(hdr->bytes), hdr->len},
+                    {const_cast<uint8_t*>(f.payload.data()), f.payload.size()}};
     msghdr msg{};
     msg.msg_name = &to;
     msg.msg_namelen = sizeof to;
@@ -476,49 +285,26 @@ int sendOut(int fd, const Egress& e, const TxFrame& f, uint32_t vlan) {
     msg.msg_iovlen = 2;
     const ssize_t n = sendmsg(fd, &msg, 0);
     if (n < 0) return -1;
-    return size_t(n) == hdrLen + f.payload.size() ? 0 : fail(EMSGSIZE);
+    return size_t(n) == hdr->len + f.payload.size() ? 0 : fail(EMSGSIZE);
 }
 
-// Sends on every egress; a failure on one does not stop the others.
-ssize_t sendAll(int fd, const std::vector<Egress>& egresses, const TxFrame& f, uint32_t vlan, size_t len) {
+// Sends on every egress of the plan; a failure on one does not stop the
+// others. The whole length given when every port took the frame.
+ssize_t sendAll(int fd, const l2frame::TxPlan& plan, size_t len) {
     int firstErr = 0;
-    for (const Egress& e : egresses)
-        if (sendOut(fd, e, f, vlan) != 0 && firstErr == 0) firstErr = errno;
+    for (const l2frame::Egress& e : plan.egresses)
+        if (sendOut(fd, e, plan.frame, plan.vlan) != 0 && firstErr == 0) firstErr = errno;
     return firstErr == 0 ? ssize_t(len) : fail(firstErr);
 }
 
-// A flood header (command, ingress port, multicast group, VLAN interface)
-// before the frame. The multicast group is the forwarding plane's; here the
-// VLAN's ports are written to one by one.
-ssize_t floodSend(int fd, const SockState& st, qor::ByteView b) {
-    if (b.size() < QOR_L2_FLOOD_HDR_LEN || qor::u32At(b, 0) != QOR_L2_FLOOD_CMD) return fail(EINVAL);
-    const auto f = parseTx(b.subspan(QOR_L2_FLOOD_HDR_LEN));
-    if (!f) return fail(EINVAL);
-    const uint32_t ingress = qor::u32At(b, 4);
-    const uint32_t vlanIf = qor::u32At(b, 12);
-    uint32_t vlan = st.vlanId;
-    if (vlan == 0) vlan = ifmIfIndexToIfType(vlanIf) == IFM_IFTYPE_VLAN ? ifmIfIndexToVlanId(vlanIf) : f->tag;
-    if (vlan == 0) return ssize_t(b.size());  // a routed port has no VLAN to flood in
-    const auto map = qorHostMapGet();
-    return sendAll(fd, vlanEgresses(fd, *map, vlan, ingress), *f, vlan, b.size());
-}
-
 ssize_t l2Send(int fd, const SockState& st, qor::ByteView b, uint32_t egress) {
-    if (st.kind == SockKind::Flood) return floodSend(fd, st, b);
-    const auto f = parseTx(b);
-    if (!f) return fail(EINVAL);
-    uint32_t vlan = st.vlanId != 0 ? st.vlanId : f->tag;
     const auto map = qorHostMapGet();
-    const uint32_t type = ifmIfIndexToIfType(egress);
-    if (egress == 0 || type == IFM_IFTYPE_VLAN) {
-        // No port named: every port of the VLAN.
-        if (vlan == 0) vlan = ifmIfIndexToVlanId(egress);
-        if (vlan == 0) return fail(EDESTADDRREQ);
-        return sendAll(fd, vlanEgresses(fd, *map, vlan, 0), *f, vlan, b.size());
-    }
-    const auto e = portEgress(fd, *map, egress);
-    if (!e) return fail(type == IFM_IFTYPE_LAG && map->hasInterface(egress) ? ENETDOWN : ENXIO);
-    return sendAll(fd, {*e}, *f, vlan, b.size());
+    const l2frame::LinkUp up = [fd](const std::string& name) { return linkUp(fd, name); };
+    l2frame::TxPlan plan;
+    const int err = st.kind == SockKind::Flood ? l2frame::planFlood(*map, st.vlanId, b, up, plan)
+                                               : l2frame::planSend(*map, st.vlanId, b, egress, up, plan);
+    if (err != 0) return fail(err);
+    return sendAll(fd, plan, b.size());
 }
 
 int sendSocket(SockKind kind) {
