@@ -308,8 +308,21 @@ ssize_t l2Send(int fd, const SockState& st, qor::ByteView b, uint32_t egress) {
 }
 
 int sendSocket(SockKind kind) {
-    // Protocol 0: a send-only packet socket never queues a frame.
-    const int fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
+    // The relay opens a flood socket for every flooded client message and
+    // closes it after one send. Closing a packet socket waits for a kernel
+    // grace period (milliseconds), so every caller gets a duplicate of one
+    // send-only socket (protocol 0: it never queues a frame) and its close
+    // only drops a reference. Per-socket state (the VLAN option) is kept by
+    // descriptor, so duplicates do not share it.
+    static std::mutex mu;
+    static int shared = -1;
+    int fd = -1;
+    {
+        std::lock_guard lock(mu);
+        // Made again later if it could not be made (no CAP_NET_RAW yet).
+        if (shared < 0) shared = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
+        if (shared >= 0) fd = fcntl(shared, F_DUPFD_CLOEXEC, 0);
+    }
     if (fd >= 0) sockets().add(fd, kind);
     return fd;
 }
