@@ -29,7 +29,7 @@ constexpr size_t IFM_IFNAME_LEN = 32;  // room for any name with its zero
 
 // Builds an ifIndex; 0 when a field is out of range for the type.
 //   ethernet: (6, slot 0-47, port id, card type): the port id is the user
-//     port number (qorMainAndSubPortToUsrPort: main port 1-4095, sub 0-15);
+//     port number (qorMainAndSubPortToUsrPort: main port 1-2047, sub 0-15);
 //     the card type is not part of the index;
 //   pe-ethernet: (7, stack unit 0-15, port 1-4095, extender id 0-12);
 //   management: (1, slot 0-255, port 0-4095, 0);

@@ -23,6 +23,10 @@ constexpr uint32_t kPortShift = 4;
 constexpr uint32_t kPortMask = 0xFFF;
 constexpr uint32_t kSubMask = 0xF;
 constexpr uint32_t kUsrPortMask = 0xFFFF;
+// A line card's ports count from 1 to 2047: the reply path decodes the
+// Interface-ID's port with that limit, so a higher port could never be
+// answered.
+constexpr uint32_t kEthernetMainMax = 2047;
 constexpr uint32_t kVlanMask = 0xFFF;
 constexpr uint32_t kLagMask = 0xFFFF;
 constexpr uint32_t kVlanMax = 4094;
@@ -39,7 +43,8 @@ constexpr uint32_t kCardIdMask = (1u << kCardSlotShift) - 1;
 
 uint32_t makeEthernet(uint32_t slot, uint32_t usrPort) {
     const uint32_t main = usrPort >> kPortShift;
-    if (slot > kEthernetSlotMax || usrPort > kUsrPortMask || main < 1) return 0;
+    if (slot > kEthernetSlotMax || usrPort > kUsrPortMask || main < 1 || main > kEthernetMainMax)
+        return 0;
     return (IFM_IFTYPE_ETHERNET << kTypeShift) | (slot << kSlotShift) | usrPort;
 }
 
