@@ -253,6 +253,10 @@ void dhcpv6LeaseIpDownLoadRoute(uint32_t ifIndex);
 void dhcpv6LeaseIpWithDrawRoute(uint32_t ifIndex, int forget);
 int dhcpv6HandleClearRoute(dhcpv6Msg message);
 int dhcpv6ProcessHA(dhcpv6Msg message);
+// Re-send after an RTM clear: every routed lease, or every routed lease of
+// one prefix address (all its lengths; prefixLen is not compared).
+void dhcpv6DownloadAllRoute();
+void dhcpv6DownloadSpecificRoute(const uint8_t* prefix, uint8_t prefixLen);
 
 // ---- Dhcpv6RelayMgrMrtm ----------------------------------------------------------------------
 void dhcpv6RelayMgrMrtmReg(int flag);
@@ -378,10 +382,26 @@ dhcpv6DuidStatus dhcpv6ClientDuidKey(const uint8_t* message, uint32_t length,
                                      uint8_t outKey[DHCPV6_DUID_MAX]);
 dhcpv6TransEntry* dhcpv6TransLookup(const uint8_t key[DHCPV6_DUID_MAX]);
 
-// ---- features that complete the packet path later ---------------------------------------------
-// The lease-IP table (delegated prefixes and their routes).
+// ---- lease-IP table (Dhcpv6RelayMgrTransTbl) ----------------------------------------------------
+// The lease options of one DHCPv6 message (relayed or not): a Reply's
+// delegated prefixes become leases with routes, a Release's are forgotten.
+// 0, or -1 (no usable Client Identifier, transaction delete refused, a lease
+// not stored). Reads nothing outside [message, message + length).
 int dhcpv6ProcClientLeaseOptions(uint32_t ifIndex, uint8_t* message, uint32_t length,
                                  uint8_t noGlobalAddr);
+// iaPrefixBody: the 25 bytes after an IA Prefix option's header (preferred
+// and valid lifetime, prefix length, prefix), as on the wire.
+constexpr size_t DHCPV6_IAPREFIX_BODY_LEN = 25;
+int dhcpv6UpdateLeaseIpTblWithRoute(uint32_t ifIndex, const uint8_t* message,
+                                    const uint8_t duidKey[DHCPV6_DUID_MAX],
+                                    const uint8_t* iaPrefixBody, uint8_t noGlobalAddr);
+int dhcpv6AddLeaseIpTbl(dhcpv6TransEntry* transEntry, const uint8_t* iaPrefixBody);
+int dhcpv6DelLeaseIpTbl(dhcpv6TransEntry* transEntry, const uint8_t* iaPrefixBody);
+void dhcpv6DumpLeaseIpTbl();
+// Route election for a lease just inserted; always 0.
+int dhcpv6RelayMgrInstallRoute(dhcpv6LeaseIpEntry* lease);
+
+// ---- features that complete the packet path later ---------------------------------------------
 // Snooping's check of a client message: -1 rejects it.
 int dhcpv6SnoopingVerification(const uint8_t* duid, const dhcpv6PktIfInfo* info, const uint8_t* frame,
                                uint8_t msgType);

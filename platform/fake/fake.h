@@ -2,7 +2,8 @@
 //
 // Unit tests link qor_fake instead of qor_net. Every outward call (IPC sends,
 // replies and requests, SWP queues and blocks, configuration records, port
-// notices, ACL entries, RTM and MRTM registrations) is recorded with its
+// notices, ACL entries, RTM and MRTM registrations, RTM route updates as
+// their route records) is recorded with its
 // arguments, in order, and a test can choose what the next calls of a service
 // return and what a synchronous request is answered. The route processor's
 // role (qorHaIsPrimaryRpm) is set with qorHaSetPrimary and not recorded.

@@ -1,7 +1,8 @@
 // fake_clients.cpp -- recording stand-ins for the chassis services' client
 // libraries: configuration store (with a model of the running configuration
-// the records build), port notices, ACL entries, RTM and MRTM registration,
-// and the route processor's role.
+// the records build), port notices, ACL entries, RTM registration, route
+// updates and clear acknowledgements, MRTM registration, and the route
+// processor's role.
 #include <algorithm>
 #include <atomic>
 #include <cstring>
@@ -147,6 +148,29 @@ int qorRtmRegisterAddrFamily_vrf(int owner, int vrf, int instance, const char* n
                                        std::vector<uint8_t>(n.begin(), n.end()), 0));
     if (rc == 0 && outHandle) *outHandle = kFakeRtmHandle;
     return rc;
+}
+
+// Route updates are recorded, not queued: ints {handle, operation, reserved,
+// swpQueue, count, af, clientInfo[0..2]}, bytes the `count` route records.
+int qorRtmUpdateRoute(uint32_t handle, int operation, const uint8_t* routes, int reserved,
+                      const uint32_t* clientInfo, int swpQueue, int count, int af) {
+    std::vector<int64_t> ints{handle, operation, reserved, swpQueue, count, af};
+    if (clientInfo)
+        for (int i = 0; i < 3; ++i) ints.push_back(clientInfo[i]);
+    const size_t n = count > 0 && uint32_t(count) <= QOR_RTM_UPDATE_MAX_ROUTES ? size_t(count) : 0;
+    return int(qorfake::record("qorRtmUpdateRoute", std::move(ints),
+                               qorfake::copyBytes(routes, QOR_RTM_ROUTE_LEN * n), 0));
+}
+
+// ints {handle, swpQueue, af, clientInfo[0..2]}, bytes the acknowledged
+// clear message's first QOR_RTM_CLR_MIN_LEN bytes.
+int qorRtmClearIpRouteSwpAckAF(uint32_t handle, const uint32_t* clientInfo, int swpQueue,
+                               const uint8_t* clearMsg, int af) {
+    std::vector<int64_t> ints{handle, swpQueue, af};
+    if (clientInfo)
+        for (int i = 0; i < 3; ++i) ints.push_back(clientInfo[i]);
+    return int(qorfake::record("qorRtmClearIpRouteSwpAckAF", std::move(ints),
+                               qorfake::copyBytes(clearMsg, QOR_RTM_CLR_MIN_LEN), 0));
 }
 
 int mrtmapiBuildIpcHdr(uint8_t* message, uint32_t type, uint32_t length, const uint32_t* templ) {

@@ -69,6 +69,24 @@ constexpr size_t QOR_IFM_LOOKUP_OFF_RESULT = 148;
 // Registration: body 80 owner, 84 VRF argument, 88 instance, 92 address family,
 // 96 client name (32 bytes); answered: status 0 and 128 the client handle.
 constexpr uint32_t QOR_MT_RTM_REGISTER = 7601;
+// Route updates, the clear-route message and its acknowledgement travel over
+// SWP queues; their layouts are in qor/rtm.h.
+constexpr uint32_t QOR_MT_RTM_ROUTE_UPDATE = 7602;     // client -> RTM
+constexpr uint32_t QOR_MT_RTM_CLEAR_ACK = 7603;        // client -> RTM
+constexpr uint32_t QOR_MT_RTM6_CLR_ROUTE = 12834;      // RTM -> client (MT_RTM6_CLR_ROUTE)
+
+// An operator's request to the RTM (QOR_APP_RTM) to clear the relay's routes:
+// the RTM removes them from the kernel and sends each registered client the
+// clear-route message, after which the client sends its routes again.
+// Body: 80 clear-all word (1 every route; 0 only the prefix), 84 prefix
+// length, 88 the prefix (16 bytes). Answered: status 0, and at 104 the number
+// of clients told; status -1 for a prefix length above 128.
+constexpr uint32_t QOR_MT_RTM_CLEAR_REQUEST = 7610;
+constexpr size_t QOR_RTM_CLEAR_OFF_ALL = 80;
+constexpr size_t QOR_RTM_CLEAR_OFF_PREFIX_LEN = 84;
+constexpr size_t QOR_RTM_CLEAR_OFF_PREFIX = 88;
+constexpr size_t QOR_RTM_CLEAR_OFF_CLIENTS = 104;
+constexpr size_t QOR_RTM_CLEAR_LEN = 108;
 
 // ---- MRTM (QOR_APP_MRTM) --------------------------------------------------------
 constexpr uint32_t MT_MRTM_REGISTER = 15670;

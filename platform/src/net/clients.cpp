@@ -143,6 +143,76 @@ int qorRtmRegisterAddrFamily_vrf(int owner, int vrf, int instance, const char* n
     return 0;
 }
 
+namespace {
+
+// A record the RTM can take: a known kind of route, a prefix of at most 128
+// bits, and a next-hop count that fits the record.
+bool rtmRouteRecordValid(qor::ByteView route) {
+    uint8_t prefixLen = 0;
+    uint16_t nhops = 0;
+    return qor::getU8(route, QOR_RTM_ROUTE_OFF_PREFIX_LEN, prefixLen) &&
+           prefixLen <= QOR_RTM_MAX_PREFIX_LEN &&
+           qor::getU16(route, QOR_RTM_ROUTE_OFF_NHOP_COUNT, nhops) && nhops >= 1 &&
+           nhops <= QOR_RTM_ROUTE_MAX_NHOPS;
+}
+
+// Builds a message of `length` bytes in a block of the client's RTM SWP
+// queue and queues it; `fill` writes the body. 0 queued, -1 otherwise.
+template <typename Fill>
+int rtmEnqueue(int swpQueue, uint32_t type, size_t length, Fill fill) {
+    auto* block = static_cast<uint8_t*>(qorSwpAllocBlock(swpQueue, uint32_t(length)));
+    if (block == nullptr) return -1;
+    std::memset(block, 0, length);
+    const qor::MutByteView msg(block, length);
+    if (qorIpcSetSourceHeader(msg, uint32_t(length), type, QOR_APP_RTM, serviceInstance(),
+                              QOR_QUEUE_REQUEST) != OK ||
+        !fill(msg) || qorSwpEnqueue(swpQueue, block, uint32_t(length)) != 0) {
+        qorSwpFreeBlock(swpQueue, block);
+        return -1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int qorRtmUpdateRoute(uint32_t handle, int operation, const uint8_t* routes, int /*reserved*/,
+                      const uint32_t* /*clientInfo*/, int swpQueue, int count, int af) {
+    if (routes == nullptr || (operation != QOR_RTM_OP_ADD && operation != QOR_RTM_OP_DELETE) ||
+        count < 1 || uint32_t(count) > QOR_RTM_UPDATE_MAX_ROUTES)
+        return -1;
+    const qor::ByteView records(routes, QOR_RTM_ROUTE_LEN * size_t(count));
+    for (int i = 0; i < count; ++i)
+        if (!rtmRouteRecordValid(records.subspan(QOR_RTM_ROUTE_LEN * size_t(i), QOR_RTM_ROUTE_LEN)))
+            return -1;
+    const size_t length = QOR_RTM_UPD_OFF_ROUTES + records.size();
+    return rtmEnqueue(swpQueue, QOR_MT_RTM_ROUTE_UPDATE, length, [&](qor::MutByteView msg) {
+        return qor::putU32(msg, QOR_RTM_UPD_OFF_OPERATION, uint32_t(operation)) &&
+               qor::putU32(msg, QOR_RTM_UPD_OFF_HANDLE, handle) &&
+               qor::putU32(msg, QOR_RTM_UPD_OFF_COUNT, uint32_t(count)) &&
+               qor::putU32(msg, QOR_RTM_UPD_OFF_AF, uint32_t(af)) &&
+               qor::putBytes(msg, QOR_RTM_UPD_OFF_ROUTES, records.data(), records.size());
+    });
+}
+
+int qorRtmClearIpRouteSwpAckAF(uint32_t handle, const uint32_t* /*clientInfo*/, int swpQueue,
+                               const uint8_t* clearMsg, int af) {
+    if (clearMsg == nullptr) return -1;
+    const qor::ByteView clear(clearMsg, QOR_RTM_CLR_MIN_LEN);
+    return rtmEnqueue(swpQueue, QOR_MT_RTM_CLEAR_ACK, QOR_RTM_CLEAR_ACK_LEN,
+                      [&](qor::MutByteView msg) {
+                          return qor::putU32(msg, QOR_RTM_CLACK_OFF_HANDLE, handle) &&
+                                 qor::putU32(msg, QOR_RTM_CLACK_OFF_AF, uint32_t(af)) &&
+                                 qor::putU32(msg, QOR_RTM_CLACK_OFF_ALL,
+                                             qor::u32At(clear, QOR_RTM_CLR_OFF_ALL)) &&
+                                 qor::putU32(msg, QOR_RTM_CLACK_OFF_SEQ,
+                                             qor::u32At(clear, QOR_SWP_OFF_SEQ)) &&
+                                 qor::putBytes(msg, QOR_RTM_CLACK_OFF_PREFIX_LEN,
+                                               clearMsg + QOR_RTM_CLR_OFF_PREFIX_LEN, 1) &&
+                                 qor::putBytes(msg, QOR_RTM_CLACK_OFF_PREFIX,
+                                               clearMsg + QOR_RTM_CLR_OFF_PREFIX, 16);
+                      });
+}
+
 // ---- MRTM ---------------------------------------------------------------------------
 
 int mrtmapiBuildIpcHdr(uint8_t* message, uint32_t type, uint32_t length, const uint32_t* templ) {
