@@ -1,8 +1,11 @@
 // ChassisIfm.h -- the interface manager service: client registrations, port
-// configuration notices and the name lookups of the CLI.
+// configuration notices, the name lookups of the CLI, and the interface
+// notifications (state up, down, deleted; LAG members) its clients get over
+// SWP, from the Linux links of the mapped interfaces.
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -10,8 +13,11 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
+#include "ChassisNetlink.h"
 #include "ChassisService.h"
 #include "qor/chassis.h"
 
@@ -40,11 +46,13 @@ public:
 
 protected:
     void chassisHandle(ChassisMsg& msg) override;
+    void chassisStopped() override;
 
 private:
     void ifmRegister(ChassisMsg& msg);
     void ifmPortNotice(ChassisMsg& msg);
     void ifmLookup(ChassisMsg& msg);
+    void ifmAck(ChassisMsg& msg);
     std::optional<uint32_t> ifmLookupInterface(const std::string& name) const;
     std::optional<uint32_t> ifmLookupVrf(const std::string& name) const;
 
@@ -55,4 +63,35 @@ private:
     mutable std::mutex mu_;
     std::map<std::pair<uint16_t, uint16_t>, ChassisIfmClient> clients_;  // by (application, instance)
     std::deque<std::vector<uint8_t>> portNotices_;
+
+    // ---- interface notifications (the watcher thread) ----
+    // What a mapped interface is to its clients.
+    enum class IfState { Absent, Down, Up };
+    // An interface notification not yet acknowledged.
+    struct Unacked {
+        uint32_t seq;
+        ChassisMsg msg;
+        std::chrono::steady_clock::time_point sent;
+    };
+    struct NotifyQueue {
+        uint32_t lastSeq = 0;
+        std::deque<Unacked> unacked;
+    };
+    void watchStart();
+    void watchStop();
+    void watchRun();
+    // Compares the mapped interfaces and LAG members with what the clients
+    // were last told and sends them the difference. `announce` false: learn
+    // the state without telling (the state at registration).
+    void watchUpdate(bool announce);
+    void notifyClients(const std::vector<std::pair<uint16_t, std::vector<uint32_t>>>& tlvs);
+    void notifyResend();
+
+    ChassisLinkWatch linkWatch_;
+    ChassisFd watchStopFd_;
+    std::thread watcher_;
+    ChassisLinkStates links_;                                // watcher thread only
+    std::map<uint32_t, IfState> ifStates_;                   // watcher thread only
+    std::map<uint32_t, std::vector<uint32_t>> lagMembers_;   // watcher thread only
+    std::map<uint32_t, NotifyQueue> notify_;                 // by client queue; under mu_
 };

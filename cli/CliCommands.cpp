@@ -145,6 +145,15 @@ int cliDoWriteMemory(const CliSession& session, std::string& err) {
     return -1;
 }
 
+int cliDoClearRoutes(const CliSession& session, const CliParsed& p, std::string& err) {
+    std::vector<uint8_t> msg = cliEncodeClearRoutes(cliInstance(session), p);
+    if (cliAsk(session, QOR_APP_RTM, msg, err) != 0) return -1;
+    const int32_t status = cliAnswerStatus(msg);
+    if (status == 0) return 0;
+    err = "% Error: the route table manager refused the clear (status " + std::to_string(status) + ")";
+    return -1;
+}
+
 // ---- show running-config ----------------------------------------------------------
 
 enum class CliRead { Done, Changed, Failed };
@@ -285,6 +294,8 @@ int cliExecute(CliSession& session, const std::string& line, std::string& out, s
         return cliDoWriteMemory(session, err);
     case CliCmd::ShowAclTrap:
         return cliDoShowAcl(session, out, err);
+    case CliCmd::ClearRoutes:
+        return cliDoClearRoutes(session, p, err);
     }
     err = "% Unknown command: " + line;
     return -1;

@@ -37,6 +37,7 @@ enum class CliCmd : uint8_t {
     ShowRunning,      // show running-config
     WriteMemory,      // write memory
     ShowAclTrap,      // show acl trap
+    ClearRoutes,      // clear ipv6 route dhcp [PREFIX/LEN]
 };
 
 struct CliParsed {
@@ -49,6 +50,8 @@ struct CliParsed {
     uint32_t logSwitch = 0;         // DHCP_LOG_LEVEL debug switch
     uint32_t logLevel = 0;          // DHCP_LOG_LEVEL severity level
     uint32_t debugFlags = 0;        // the new dhcpv6_debug_flag
+    bool allRoutes = true;          // clear ipv6 route dhcp: every route, or prefix/prefixLen
+    uint8_t prefixLen = 0;
 };
 
 constexpr uint32_t CLI_DEBUG_LEVEL_ON = 7;   // EVT_LOGDEBUG: what "debug ipv6 dhcp" asks for
@@ -274,6 +277,25 @@ inline bool cliParseFixed(const CliWords& words, CliParsed& out) {
     return false;
 }
 
+// clear ipv6 route dhcp [PREFIX/LEN]: the prefix is given as routed, its
+// length 0-128.
+inline int cliParseClearRoutes(const CliWords& words, CliParsed& out, std::string& err) {
+    out.cmd = CliCmd::ClearRoutes;
+    if (words.size() == 4) return 0;
+    if (words.size() != 5) return cliUnknownCommand(words, err);
+    const std::string text(words[4]);
+    const size_t slash = text.find('/');
+    uint32_t len = 0;
+    in6_addr a{};
+    if (slash == std::string::npos || inet_pton(AF_INET6, text.substr(0, slash).c_str(), &a) != 1 ||
+        !cliParseU32(std::string_view(text).substr(slash + 1), len) || len > 128)
+        return cliParseFail(err, "% Invalid IPv6 prefix: " + text + " (PREFIX/LEN, LEN 0-128)");
+    out.allRoutes = false;
+    out.prefixLen = uint8_t(len);
+    for (size_t i = 0; i < out.addr.size(); ++i) out.addr[i] = a.s6_addr[i];
+    return 0;
+}
+
 // Parses one line. `inInterface` says whether an interface is being
 // configured (it decides what a source-interface line means). 0 with `out`
 // filled, or -1 with the operator's message in `err`.
@@ -287,6 +309,7 @@ inline int cliParseLine(std::string_view line, bool inInterface, CliParsed& out,
         return 0;
     }
     if (cliParseFixed(words, out)) return 0;
+    if (cliWordsAre(words, 0, {"clear", "ipv6", "route", "dhcp"})) return cliParseClearRoutes(words, out, err);
     if (cliIsWord(words[0], "interface")) {
         out.cmd = CliCmd::Interface;
         return cliParseIfName(words, 1, out, err);
@@ -408,6 +431,17 @@ inline std::vector<uint8_t> cliEncodeWriteMemory(int instance) {
 
 inline std::vector<uint8_t> cliEncodeAclShow(int instance) {
     return cliNewMsg(CLI_SHOW_MSG_LEN, QOR_MT_ACL_SHOW, QOR_APP_ACL, instance);
+}
+
+// The operator's route clear (qor/chassis.h: QOR_MT_RTM_CLEAR_REQUEST).
+inline std::vector<uint8_t> cliEncodeClearRoutes(int instance, const CliParsed& p) {
+    std::vector<uint8_t> msg = cliNewMsg(QOR_RTM_CLEAR_LEN, QOR_MT_RTM_CLEAR_REQUEST, QOR_APP_RTM, instance);
+    qor::putU32(msg, QOR_RTM_CLEAR_OFF_ALL, p.allRoutes ? 1 : 0);
+    if (!p.allRoutes) {
+        qor::putU32(msg, QOR_RTM_CLEAR_OFF_PREFIX_LEN, p.prefixLen);
+        qor::putBytes(msg, QOR_RTM_CLEAR_OFF_PREFIX, p.addr.data(), p.addr.size());
+    }
+    return msg;
 }
 
 // ---- answers ------------------------------------------------------------------------------

@@ -5,13 +5,19 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sched.h>
 #include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <filesystem>
+#include <fstream>
+#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <optional>
@@ -75,6 +81,7 @@ public:
     }
     bool ok() const { return queue_ >= 0; }
     uint32_t id() const { return id_; }
+    int handle() const { return queue_; }
     bool send(const Bytes& msg) {
         return retryRefused([&] { return qorIpcSend(queue_, msg.data(), uint32_t(msg.size()), 0) == 0 ? 0 : -1; }) == 0;
     }
@@ -192,8 +199,55 @@ protected:
         started_ = false;
     }
 
+    // Starts the chassis with a host map of this text.
+    int startWithMap(const std::string& map) {
+        ChassisOptions options;
+        options.hostMapPath = runDir() + "/hosts-" + std::to_string(getpid()) + ".ini";
+        std::ofstream(options.hostMapPath) << map;
+        return startChassis(options);
+    }
+
+    // Runs body in a forked child inside a fresh network namespace (root
+    // only; skipped otherwise); the child's failures print there and fail
+    // the test here.
+    void inNamespace(const std::function<void()>& body) {
+        constexpr int kSkipped = 77;
+        if (geteuid() != 0) GTEST_SKIP() << "needs root for network namespaces";
+        if (std::system("ip -V >/dev/null 2>&1") != 0) GTEST_SKIP() << "needs iproute2 (ip)";
+        std::fflush(stdout);
+        const pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            if (unshare(CLONE_NEWNET) != 0 || std::system("ip link set lo up") != 0) _exit(kSkipped);
+            body();
+            stopChassis();
+            std::fflush(stdout);
+            _exit(::testing::Test::HasFailure() ? 1 : 0);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        ASSERT_TRUE(WIFEXITED(status)) << "the child died by signal " << WTERMSIG(status);
+        if (WEXITSTATUS(status) == kSkipped) GTEST_SKIP() << "cannot create a network namespace";
+        EXPECT_EQ(WEXITSTATUS(status), 0) << "the namespace child failed (see above)";
+    }
+
     int instance_ = 0;
     bool started_ = false;
 };
+
+// Runs a shell command in the caller's network namespace.
+inline void sh(const std::string& cmd) {
+    ASSERT_EQ(std::system((cmd + " >/dev/null 2>&1").c_str()), 0) << cmd;
+}
+inline std::string shOut(const std::string& cmd) {
+    std::string out;
+    if (FILE* p = popen((cmd + " 2>/dev/null").c_str(), "r")) {
+        char buf[512];
+        size_t n;
+        while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+        pclose(p);
+    }
+    return out;
+}
 
 }  // namespace chassistest

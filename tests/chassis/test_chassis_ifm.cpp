@@ -7,6 +7,7 @@
 #include "qor/hostmap.h"
 #include "qor/ifm.h"
 #include "qor/l2sock.h"
+#include "qor/tlv.h"
 
 namespace {
 
@@ -117,6 +118,87 @@ INSTANTIATE_TEST_SUITE_P(
                       Lookup{true, kVrf, "blue", true, 2}, Lookup{true, kVrf, "default", true, 0},
                       Lookup{true, kVrf, "green", false, 0}, Lookup{true, kVrf, "RED", false, 0},
                       Lookup{true, kVrf, kUnterminated, false, 0}));
+
+// ---- interface notifications (root, network namespace) ------------------------------
+
+// One notification TLV: type and the words of its payload.
+using NotifTlv = std::pair<uint16_t, std::vector<uint32_t>>;
+
+// The TLVs of the next notifications, as the relay manager takes them: each
+// message checked for its sequence and acknowledged (a resent one is
+// acknowledged again and dropped), until `want` TLVs have come.
+std::vector<NotifTlv> takeNotifications(PeerQueue& relay, QOR_SWP_SEQ& seq, size_t want) {
+    std::vector<NotifTlv> got;
+    while (got.size() < want) {
+        const auto m = relay.recv();
+        if (!m) break;
+        if (qor::u32At(*m, QOR_IPC_OFF_TYPE) != MT_IFM_NOTIF_MSG) continue;  // the store's start-up notice
+        if (qorSwpCkSeqAndAck(m->data(), uint32_t(m->size()), &seq, relay.handle()) != QOR_SWP_IN_ORDER) continue;
+        dhcpv6TlvCursor cursor(qor::ByteView(*m).subspan(140), dhcpv6TlvCursor::LengthCounts::WholeTlv);
+        dhcpv6Tlv tlv;
+        const uint32_t count = qor::u32At(*m, 128);
+        for (uint32_t i = 0; i < count; ++i) {
+            EXPECT_EQ(cursor.next(tlv), dhcpv6TlvStep::Item) << "the count says more TLVs than there are";
+            std::vector<uint32_t> words;
+            for (size_t at = 0; at + 4 <= tlv.data.size(); at += 4) words.push_back(qor::u32At(tlv.data, at));
+            got.emplace_back(tlv.code, words);
+        }
+        dhcpv6Tlv extra;
+        EXPECT_EQ(cursor.next(extra), dhcpv6TlvStep::End) << "bytes after the counted TLVs";
+    }
+    return got;
+}
+
+using IfmLinks = ChassisFixture;
+
+// A VLAN interface follows the link that holds its address, a port its own,
+// a port-channel without a bond its members; members come from the host map.
+TEST_F(IfmLinks, LinkChangesReachTheRegisteredClientAsInterfaceTlvs) {
+    inNamespace([&] {
+        sh("ip link add i0 type veth peer name j0 && ip link add i4 type veth peer name j4");
+        sh("for l in i0 j0 i4 j4; do ip link set $l up; done");
+        ASSERT_EQ(startWithMap("[interface ethernet 1/1]\nlinux = i0\nuntagged = 10\n"
+                               "[interface vlan 10]\nlinux = i0\n"
+                               "[interface ethernet 1/4]\nlinux = i4\n"
+                               "[interface ethernet 1/5]\nlinux = i5\n"
+                               "[interface port-channel 3]\nmembers = ethernet 1/4\n"),
+                  0);
+        const uint32_t e11 = ifmEthernetIfIndex(1, 1, 0), e14 = ifmEthernetIfIndex(1, 4, 0),
+                       e15 = ifmEthernetIfIndex(1, 5, 0), po3 = ifmCreateIfIndex(IFM_IFTYPE_LAG, 0, 0, 3);
+        PeerQueue relay(QOR_APP_RELAYMGR, instance_);
+        Bytes reg = ifmRegistration(QOR_APP_RELAYMGR, instance_, relay.id());
+        ASSERT_TRUE(request(QOR_APP_IFM, instance_, reg));
+        QOR_SWP_SEQ seq{};
+        EXPECT_EQ(takeNotifications(relay, seq, 1), (std::vector<NotifTlv>{{47, {po3, e14}}}))
+            << "the members there are at registration";
+        const struct {
+            std::function<void()> change;
+            std::vector<NotifTlv> tlvs;
+        } cases[] = {
+            {[] { sh("ip link set i0 down"); }, {{4, {e11}}, {4, {kVlan10}}}},
+            {[] { sh("ip link set i0 up"); }, {{3, {e11}}, {3, {kVlan10}}}},
+            {[] { sh("ip link set j4 down"); }, {{4, {e14}}, {4, {po3}}}},  // carrier lost
+            {[] { sh("ip link set j4 up"); }, {{3, {e14}}, {3, {po3}}}},
+            {[] { sh("ip link add i5 type veth peer name j5 && ip link set j5 up && ip link set i5 up"); },
+             {{3, {e15}}}},
+            // Down first, as the kernel closes a link before it removes it.
+            {[] { sh("ip link del i0"); }, {{4, {e11}}, {4, {kVlan10}}, {2, {e11}}, {2, {kVlan10}}}},
+            {[&] { ASSERT_EQ(qorHostMapSetLagMembers(po3, {e15}), 0); },
+             {{48, {po3, e14}}, {47, {po3, e15}}}},
+        };
+        for (size_t i = 0; i < std::size(cases); ++i) {
+            cases[i].change();
+            EXPECT_EQ(takeNotifications(relay, seq, cases[i].tlvs.size()), cases[i].tlvs) << "case " << i;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(400));
+        while (const auto m = relay.pending()) {
+            if (qor::u32At(*m, QOR_IPC_OFF_TYPE) == MT_IFM_NOTIF_MSG) {
+                EXPECT_NE(qorSwpCkSeqAndAck(m->data(), uint32_t(m->size()), &seq, relay.handle()), QOR_SWP_IN_ORDER)
+                    << "a notification nothing changed for";
+            }
+        }
+    });
+}
 
 using ChassisStart = ChassisFixture;
 
