@@ -9,9 +9,10 @@
 # The client asks for an address and a prefix; the relay wraps its messages
 # in Relay-Forwards to the helper address 2001:db8:ff::2 (set with
 # dhcpv6-cli); Kea answers from the subnet of the relay's VLAN 10 address.
-# The lab prints the lease, the DHCPv6 messages on the server's and the
-# client's link, Kea's log, the relay's event log, debugging and
-# running-config, then removes everything it made (also when interrupted).
+# The lab prints the lease, the delegated prefix's route on the relay host,
+# the DHCPv6 messages on the server's and the client's link, Kea's log, the
+# relay's event log, debugging and running-config, then removes everything
+# it made (also when interrupted).
 #
 # Needs root. BUILD=dir (default build) holds dhcpv6relaymgr and dhcpv6-cli;
 # LAB_RELAY=dhcrelay puts ISC dhcrelay in the relay's place; NL_KEEP=1 keeps
@@ -90,6 +91,16 @@ step "what dhclient reported"
 cat "$NL_WORK/client.events"
 step "lab-client c0 addresses"
 nl_exec client ip -6 -br addr show dev c0
+prefix=$(nl_pd_prefix client)
+step "the delegated prefix's route on the relay host (lab-relay: ip -6 route show exact ${prefix:-PREFIX})"
+if [ -z "$prefix" ]; then
+    echo "(the client holds no delegated prefix)"
+else
+    # The route follows the Reply to the client by a moment.
+    lab_routed() { [ -n "$(nl_exec relay ip -6 route show exact "$prefix")" ]; }
+    nl_wait 5 lab_routed || true
+    nl_exec relay ip -6 route show exact "$prefix" | grep . || echo "(no route for $prefix)"
+fi
 step "on the wire at the server (lab-server s0): the Relay-Forwards and Kea's Relay-Replies"
 nl_decode server
 step "on the wire at the client (lab-client c0)"

@@ -168,6 +168,12 @@ nl_release() {
 
 nl_has_lease() { grep -q "${2:-iaaddr}" "$NL_WORK/$1.leases" 2>/dev/null; }
 
+# nl_pd_prefix NAME: the prefix (ADDR/LEN) most recently delegated to the
+# client NAME, from its lease file; nothing when it has none.
+nl_pd_prefix() {
+    { grep -o 'iaprefix [0-9a-f:]*/[0-9]*' "$NL_WORK/$1.leases" 2>/dev/null || true; } | tail -n 1 | cut -d' ' -f2
+}
+
 # nl_capture NS IFACE NAME [FILTER...]: tcpdump into $NL_WORK/NAME.pcap,
 # returns once tcpdump listens. -U writes each packet as it comes.
 nl_capture() {
