@@ -449,20 +449,22 @@ uint32_t dhcpv6PassToClient(const dhcpv6PktIfInfo* info, uint8_t* packet, uint32
     const uint32_t msgLen = f.msgLen & kLowByte;
     dhcpv6TransEntry* entry = dhcpv6ClientTransaction(f.msg, msgLen, "dhcpV6Packet is NULL \r");
     if (entry == nullptr) return uint32_t(-1);
+    // The reply to a Release forgets the client while its lease options are
+    // accounted: keep where it is before that.
+    const uint32_t vlanIf = entry->ifIndex, portIf = entry->portIfIndex;
     if (g.snoopingEnabled != 0)
         dhcpv6ProcClientLeaseOptions(clientIfIndex, f.msg, msgLen, info->noGlobalAddr);
     qorSysErr(g.evtLogHandle, 0, DHCPV6_EVT_SERVER_PKT_PASSED, 0u, typeName(f.msg[0]).data(),
-              addrText(f.ip6 + kIp6OffDst).data(), ifName(entry->ifIndex).data());
-    dhcpv6FwdPktInVlan(entry->ifIndex, entry->portIfIndex, packet, length);
+              addrText(f.ip6 + kIp6OffDst).data(), ifName(vlanIf).data());
+    dhcpv6FwdPktInVlan(vlanIf, portIf, packet, length);
     return 0;
 }
 
 // The frame that carries a server's answer to the client.
-void dhcpv6BuildClientFrame(std::span<uint8_t> frame, const dhcpv6TransEntry& entry,
-                            uint16_t vlanId, const uint8_t src[16], const uint8_t dst[16],
+void dhcpv6BuildClientFrame(std::span<uint8_t> frame, const uint8_t clientMac[6], uint16_t vlanId, const uint8_t src[16], const uint8_t dst[16],
                             uint8_t hopCount, const uint8_t* inner, uint32_t innerLen) {
     const uint16_t udpLen = uint16_t(innerLen + kUdpHdrLen);
-    qor::putBytes(frame, 0, entry.clientMac, 6);
+    qor::putBytes(frame, 0, clientMac, 6);
     qor::putBytes(frame, 6, mac_addr, 6);
     qor::putU16(frame, kFrameOffTpid, kTpid8021Q);
     qor::putU16(frame, kFrameOffTag, vlanId);
@@ -506,11 +508,16 @@ bool dhcpv6SendToClient(const dhcpv6PktIfInfo* info, const dhcpv6ClientIntf& ci,
         dbg(DHCPV6_DBG_EVENT, " Interface Id doesnt match.. \r");
     } else if (entry != nullptr) {
         dbg(DHCPV6_DBG_EVENT, "Entry exist in TransTbl and Interface Id matches .. \r");
+        // The reply to a Release deletes the entry while its lease options
+        // are accounted: the client's MAC is taken first.
+        uint8_t clientMac[6];
+        std::memcpy(clientMac, entry->clientMac, sizeof clientMac);
+        entry = nullptr;
         if (dhcpv6ProcClientLeaseOptions(ci.clientIfIndex, inner, len, info->noGlobalAddr) == -1)
             dbg(DHCPV6_DBG_EVENT, "Processing lease options failed \r");
         const bool toVlan = ifmIfIndexToIfType(ci.clientIfIndex) == IFM_IFTYPE_VLAN;
         const uint16_t vlanId = toVlan ? uint16_t(ifmIfIndexToVlanId(ci.clientIfIndex)) : 0;
-        dhcpv6BuildClientFrame({frame, frameLen}, *entry, vlanId, src, peer, hopCount, inner, len);
+        dhcpv6BuildClientFrame({frame, frameLen}, clientMac, vlanId, src, peer, hopCount, inner, len);
         int64_t n = -1;
         if (toVlan) {
             n = dhcpv6FwdPktInVlan(ci.clientIfIndex, ci.portIfIndex, frame, frameLen);
