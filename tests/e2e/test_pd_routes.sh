@@ -106,10 +106,10 @@ check "when the /48 expires the /56 is routed again" nl_wait 30 only "$p/56" "$p
 dels=$(said "Got IFM_TYP_DEL_IF for") ups0=$(said "$up_text")
 ip -n "$RNS" link del r-e11
 route_check "deleting the client's port takes its route out" unrouted "$p/56"
-check "the relay hears of the deletion" nl_wait 10 said_more "Got IFM_TYP_DEL_IF for" "$dels"
+check "the relay hears of the deletion" nl_wait 30 said_more "Got IFM_TYP_DEL_IF for" "$dels"
 nl_link client c0 relay r-e11 02:00:00:00:00:0c
 nl_addr relay r-e11 2001:db8:10::1/64
-check "the relay hears the re-created port come up" nl_wait 10 said_more "$up_text" $((ups0 + (ups > 1 ? ups : 1) - 1))
+check "the relay hears the re-created port come up" nl_wait 30 said_more "$up_text" $((ups0 + (ups > 1 ? ups : 1) - 1))
 sleep 1
 noroute() { ! ip -n "$RNS" -6 route show | grep -qF "via $ll"; }
 check "the deleted port's leases are forgotten: no route comes back" noroute
