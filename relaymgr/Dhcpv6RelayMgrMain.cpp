@@ -277,6 +277,11 @@ int dhcpv6RelayMgrStartup(int argc, char** argv, dhcpv6FdSet* master, int* nfds)
 // ---- the event loop ------------------------------------------------------------------------
 
 void dhcpv6RelayMgrLoopPass(const dhcpv6FdSet& master, int nfds) {
+    // The pass's events are gathered and written as it ends, however it ends,
+    // before the loop waits again.
+    struct EventsAtEnd {
+        ~EventsAtEnd() { qorEvtLoopFlush(); }
+    } eventsAtEnd;
     dhcpv6FdSet ready = master;
     // The set is 256 bytes, so select() may look at all 2048 descriptors.
     if (select(nfds, reinterpret_cast<fd_set*>(ready.bits), nullptr, nullptr, nullptr) == -1) {

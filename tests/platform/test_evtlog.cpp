@@ -155,6 +155,62 @@ TEST_F(Evt, EventsFromTwoTasksAreWholeLines) {
     }
 }
 
+// A loop thread's events appear at the end of its pass, or, while more
+// input waits, at the end of a later pass; another thread's event appears
+// at once, after them, in order.
+TEST_F(Evt, LoopEventsAppearAtTheLoopsFlushAndOtherThreadsKeepTheOrder) {
+    ASSERT_EQ(qorSysErr(log, 0, 0x910002, 0, "before", 0), OK);
+    EXPECT_EQ(lines().size(), 1u) << "a thread that never flushed writes at once";
+    qorEvtLoopFlush();
+    ASSERT_EQ(qorSysErr(log, 0, 0x910002, 0, "loop", 1), OK);
+    ASSERT_EQ(qorSysErr(log, 0, 0x910002, 0, "loop", 2), OK);
+    EXPECT_EQ(lines().size(), 1u) << "gathered until the loop's flush";
+    std::thread([&] { qorSysErr(log, 0, 0x910002, 0, "chassis", 3); }).join();
+    EXPECT_EQ(lines().size(), 4u);
+    ASSERT_EQ(qorSysErr(log, 0, 0x910002, 0, "loop", 4), OK);
+    static bool inputWaits = true;
+    qorEvtSetInputProbe([] { return inputWaits; });
+    qorEvtLoopFlush();
+    EXPECT_EQ(lines().size(), 4u) << "input waits: the loop comes back before it blocks";
+    inputWaits = false;
+    qorEvtLoopFlush();
+    std::string order;
+    for (const auto& l : lines()) order += l.substr(l.find('(') + 1, 1);
+    EXPECT_EQ(order, "01234");
+}
+
+// Past its limit the log moves to eventlog.1 and starts again; no line is
+// lost or split, and only one old file is kept.
+TEST_F(Evt, LogPastItsLimitRotatesIntoOneOlderFile) {
+    constexpr size_t kLimit = 2000;
+    qorEvtSetLogLimit(kLimit);
+    for (bool loop : {false, true}) {
+        if (loop) qorEvtLoopFlush();
+        const int last = loop ? 199 : 99;  // numbered on across both rounds
+        for (int i = last - 99; i <= last; ++i) ASSERT_EQ(qorSysErr(log, 0, 0x910002, 0, "eth3", i), OK);
+        qorEvtLoopFlush();
+        auto all = lines(qorEvtLogPath() + ".1");
+        const size_t older = all.size();
+        for (auto& l : lines()) all.push_back(l);
+        EXPECT_FALSE(std::filesystem::exists(qorEvtLogPath() + ".2"));
+        ASSERT_GT(older, 0u);
+        EXPECT_LE(std::filesystem::file_size(qorEvtLogPath()), kLimit + 128) << "loop " << loop;
+        int next = -1;
+        for (const auto& l : all) {
+            int n = -1;
+            ASSERT_EQ(sscanf(afterTimestamp(l).c_str(),
+                             "DHCPV6RELAYMGR EVT_LOGERROR TEST_ERROR 0x910002: failed on eth3 (%d)", &n),
+                      1)
+                << l;
+            if (next >= 0) {
+                EXPECT_EQ(n, next) << "loop " << loop;
+            }
+            next = n + 1;
+        }
+        EXPECT_EQ(next, last + 1) << "the newest line is the last one kept";
+    }
+}
+
 // The relay manager's own table: every code raised with the arguments its
 // callers pass reads as a whole sentence.
 TEST_F(Evt, RelayCodesAreEachNamedOnceAndShowTheirCallersArguments) {

@@ -5,8 +5,24 @@
 // severity, the code's name and its text. The codes, their names, severities
 // and text formats are the owner's table, registered once with
 // qorEvtRegisterCodes(). An event is written only when its severity's bit is
-// set in the log's severity mask. Lines go to the kernel with one write()
-// each, with no flush to disk, so that per-packet events stay cheap.
+// set in the log's severity mask. Lines go to the kernel with write(), never
+// synced to disk, so that per-packet events stay cheap.
+//
+// An event loop may gather its events: once a thread has called
+// qorEvtLoopFlush(), its events wait in a buffer (at most 64 KB) until its
+// next call, which the loop makes at the end of each pass, before it waits
+// for input. That call writes them, unless the loop has more input already
+// waiting (the socket layer's probe, qorEvtSetInputProbe), so that it will
+// not wait: then a busy loop's lines go out together, one write for many
+// passes, and still before the loop next waits (or once 32 KB are
+// gathered). A reader tailing the log sees every event once the loop is
+// idle, and within 32 KB of lines while it is busy. An event of any other
+// thread writes the buffer first and then itself, so lines keep their order.
+//
+// Size: when the file passes the limit (QOR_EVT_LOG_LIMIT, 16 MB, or
+// qorEvtSetLogLimit) it becomes RUNDIR/eventlog.1, replacing the previous
+// one, and a new RUNDIR/eventlog is started: the log keeps at most about
+// twice the limit on disk.
 //
 // Tracing: each platform module has a word of trace flags
 // (wrap_modtraceflags); qorTracePrintf/qorErrorPrintf print to the console
@@ -16,6 +32,7 @@
 #pragma once
 
 #include <cstdarg>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <span>
@@ -57,8 +74,18 @@ int qorSysErr(int handle, int flags, uint32_t code, ...);  // OK, or ERROR (bad 
 void qorEvtUseSyslog(bool on);
 // The event log's file (RUNDIR/eventlog) for readers and tests.
 std::string qorEvtLogPath();
-// Closes every log and forgets registrations (tests); also clears the trace
-// flags, restores the console sink and drops the history table.
+// Writes the events the calling thread gathered (see above), and gathers
+// its later events. Call it at the end of each pass of the loop.
+void qorEvtLoopFlush();
+// probe() tells whether the loop has input waiting, so that it will not
+// block: the socket layer's, for its protocol socket; null for none.
+void qorEvtSetInputProbe(bool (*probe)());
+// The size at which the event log is rotated; 0 restores QOR_EVT_LOG_LIMIT.
+constexpr size_t QOR_EVT_LOG_LIMIT = size_t(16) << 20;
+void qorEvtSetLogLimit(size_t bytes);
+// Closes every log and forgets registrations (tests); also writes what was
+// gathered, ends every thread's gathering, restores the size limit, clears
+// the trace flags, restores the console sink and drops the history table.
 void qorEvtReset();
 
 // Module tracing.

@@ -3,6 +3,7 @@
 #include "qor/evtlog.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <time.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <array>
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <unordered_map>
@@ -38,7 +40,24 @@ struct EvtState {
     bool useSyslog = false;
     int fd = -1;
     std::string fdRunDir;  // the run directory fd was opened in
+    size_t fileSize = 0;   // of the open file, as written through fd
+    size_t limit = QOR_EVT_LOG_LIMIT;
+    // Lines gathered for fd by loop threads, not yet written.
+    std::vector<char> pending;
+    size_t pendingLen = 0;
+    // A thread gathers while its generation is this one: qorEvtReset ends
+    // every thread's gathering by moving it on.
+    uint64_t generation = 1;
+    // Whether a loop has input waiting (qorEvtSetInputProbe); null: never.
+    bool (*inputWaiting)() = nullptr;
+    // The wall clock's second whose "YYYY-MM-DD HH:MM:SS" is in stamp.
+    time_t stampSecond = -1;
+    char stamp[24] = {};
+    size_t stampLen = 0;
 };
+
+// The generation in which this thread called qorEvtLoopFlush; 0: never.
+thread_local uint64_t tLoopGeneration = 0;
 
 constexpr size_t kMaxLogs = 64;
 // A line holds the header, up to kTextMax bytes of text and the value.
@@ -90,66 +109,147 @@ EvtLog* findLog(EvtState& s, int handle) {
     return &s.logs[size_t(handle)];
 }
 
-// The event log's descriptor, opened once per run directory: a test or the
-// daemon may move the run directory, an event never reopens the file.
-int eventlogFd(EvtState& s) {
-    const char* dir = qorRunDir();
-    if (s.fd >= 0 && s.fdRunDir == dir) return s.fd;
+constexpr size_t kPendingMax = size_t(64) << 10;
+// A loop writes what it gathered once this much is there, input or not.
+constexpr size_t kPendingWriteNow = kPendingMax / 2;
+
+void closeFd(EvtState& s) {
     if (s.fd >= 0) close(s.fd);
-    s.fdRunDir = dir;
-    s.fd =
-        open((s.fdRunDir + "/eventlog").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640);
+    s.fd = -1;
+    s.fileSize = 0;
+}
+
+int openEventlog(EvtState& s) {
+    s.fd = open((s.fdRunDir + "/eventlog").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640);
+    struct stat st {};
+    s.fileSize = s.fd >= 0 && fstat(s.fd, &st) == 0 ? size_t(st.st_size) : 0;
     return s.fd;
 }
 
-// "YYYY-MM-DD HH:MM:SS.mmm" of the wall clock, local time; out holds 32 bytes.
-void formatTimestamp(char (&out)[32]) {
+// Past the limit the file becomes eventlog.1 and a new one starts. A reader
+// following the name (tail -F) goes on with the new file.
+void rotateIfFull(EvtState& s) {
+    if (s.fd < 0 || s.fileSize < s.limit) return;
+    const std::string path = s.fdRunDir + "/eventlog";
+    if (rename(path.c_str(), (path + ".1").c_str()) != 0) return;  // kept growing rather than lost
+    closeFd(s);
+    openEventlog(s);
+}
+
+// With O_APPEND, each write lands whole after whatever is there; nothing
+// waits for the disk. A failed write loses its events and nothing else.
+void writeOut(EvtState& s, const char* bytes, size_t len) {
+    if (s.fd < 0 || len == 0) return;
+    const ssize_t n = write(s.fd, bytes, len);
+    if (n > 0) s.fileSize += size_t(n);
+    rotateIfFull(s);
+}
+
+void flushPending(EvtState& s) {
+    writeOut(s, s.pending.data(), s.pendingLen);
+    s.pendingLen = 0;
+}
+
+// The event log's descriptor, opened once per run directory: a test or the
+// daemon may move the run directory, an event never reopens the file.
+// Lines gathered for the previous directory are written there first.
+int eventlogFd(EvtState& s) {
+    const char* dir = qorRunDir();
+    if (s.fd >= 0 && s.fdRunDir == dir) return s.fd;
+    flushPending(s);
+    closeFd(s);
+    s.fdRunDir = dir;
+    return openEventlog(s);
+}
+
+// Appends "YYYY-MM-DD HH:MM:SS.mmm" of the wall clock, local time; the
+// seconds are formatted once per second.
+size_t putTimestamp(EvtState& s, char* out) {
     timespec ts{};
     clock_gettime(CLOCK_REALTIME, &ts);
-    tm local{};
-    localtime_r(&ts.tv_sec, &local);
-    size_t n = strftime(out, sizeof out - 5, "%Y-%m-%d %H:%M:%S", &local);
+    if (ts.tv_sec != s.stampSecond) {
+        tm local{};
+        localtime_r(&ts.tv_sec, &local);
+        s.stampLen = strftime(s.stamp, sizeof s.stamp, "%Y-%m-%d %H:%M:%S", &local);
+        s.stampSecond = ts.tv_sec;
+    }
+    std::memcpy(out, s.stamp, s.stampLen);
+    size_t n = s.stampLen;
     const long ms = ts.tv_nsec / 1000000;
     out[n++] = '.';
     out[n++] = char('0' + ms / 100);
     out[n++] = char('0' + ms / 10 % 10);
     out[n++] = char('0' + ms % 10);
-    out[n] = '\0';
+    return n;
 }
 
-// Builds the whole line, newline included; a line too long for the buffer is
-// cut but still ends with its newline. Returns the length.
-size_t formatLine(char* line, const EvtLog& log, const QorEvtCode& code, const char* text,
-                  uint32_t value) {
-    char stamp[32];
-    formatTimestamp(stamp);
-    int n = snprintf(line, kLineMax, "%s %s %s %s 0x%06X: %s", stamp, log.name.c_str(),
-                     severityName(code.severity), code.name ? code.name : "?", code.code, text);
-    size_t len = std::min(size_t(std::max(n, 0)), kLineMax - 2);
+size_t putText(char* out, const char* text) {
+    const size_t n = strlen(text);
+    std::memcpy(out, text, n);
+    return n;
+}
+
+// Upper-case hexadecimal, at least six digits.
+size_t putCode(char* out, uint32_t code) {
+    static constexpr char kDigits[] = "0123456789ABCDEF";
+    int digits = 6;
+    while (digits < 8 && (code >> (4 * digits)) != 0) ++digits;
+    for (int i = 0; i < digits; ++i) out[i] = kDigits[(code >> (4 * (digits - 1 - i))) & 0xF];
+    return size_t(digits);
+}
+
+// Builds the whole line, newline included: "<time> <log> <severity> <name>
+// 0x<code>: <text>[ (value N)]". The text is cut at kTextMax - 1 bytes and
+// the line still ends with its newline. Returns the length.
+size_t formatLine(EvtState& s, char* line, const EvtLog& log, const QorEvtCode& code, uint32_t value,
+                  va_list ap) {
+    // The header's parts are bounded: the name of a log or a code is cut at 64 bytes.
+    auto putName = [](char* out, const char* name) {
+        const size_t n = strnlen(name, 64);
+        std::memcpy(out, name, n);
+        return n;
+    };
+    size_t len = putTimestamp(s, line);
+    line[len++] = ' ';
+    len += putName(line + len, log.name.c_str());
+    line[len++] = ' ';
+    len += putText(line + len, severityName(code.severity));
+    line[len++] = ' ';
+    len += putName(line + len, code.name ? code.name : "?");
+    len += putText(line + len, " 0x");
+    len += putCode(line + len, code.code);
+    len += putText(line + len, ": ");
+    const int n = vsnprintf(line + len, kTextMax, code.format ? code.format : "", ap);
+    len += std::min(size_t(std::max(n, 0)), kTextMax - 1);
     if (code.showValue) {
-        n = snprintf(line + len, kLineMax - 1 - len, " (value %u)", value);
-        len = std::min(len + size_t(std::max(n, 0)), kLineMax - 2);
+        const int v = snprintf(line + len, kLineMax - 1 - len, " (value %u)", value);
+        len = std::min(len + size_t(std::max(v, 0)), kLineMax - 2);
     }
     line[len++] = '\n';
     line[len] = '\0';
     return len;
 }
 
-void writeEvent(EvtState& s, const EvtLog& log, const QorEvtCode& code, const char* text,
-                uint32_t value) {
-    char line[kLineMax];
-    const size_t len = formatLine(line, log, code, text, value);
+// A loop thread's line waits in the buffer; any other thread's is written
+// at once, after the buffer, so lines keep their order.
+void writeEvent(EvtState& s, const char* line, size_t len, int severity) {
     const int fd = eventlogFd(s);
-    // One write per event with O_APPEND: lines from several tasks never mix,
-    // and nothing waits for the disk.
-    if (fd >= 0 && write(fd, line, len) < 0) {
-        // The event is lost; the caller's work goes on regardless.
+    if (fd >= 0) {
+        const bool gathering = tLoopGeneration == s.generation;
+        if (s.pendingLen + len > kPendingMax) flushPending(s);
+        if (gathering || s.pendingLen > 0) {
+            if (s.pending.size() < kPendingMax) s.pending.resize(kPendingMax);
+            std::memcpy(s.pending.data() + s.pendingLen, line, len);
+            s.pendingLen += len;
+            if (!gathering) flushPending(s);
+        } else {
+            writeOut(s, line, len);
+        }
     }
     if (s.useSyslog) {
         const char* body = strchr(line, ' ');  // after the date: syslog stamps its own time
         body = body ? strchr(body + 1, ' ') : nullptr;
-        syslog(LOG_DAEMON | syslogPriority(code.severity), "%.*s", int(len - 1),
-               body ? body + 1 : line);
+        syslog(LOG_DAEMON | syslogPriority(severity), "%.*s", int(len - 1), body ? body + 1 : line);
     }
 }
 
@@ -162,9 +262,9 @@ int vsysErr(int handle, uint32_t code, va_list ap) {
     const QorEvtCode& c = it->second;
     const uint32_t value = va_arg(ap, unsigned int);
     if (!severityEnabled(log->mask, c.severity)) return OK;
-    char text[kTextMax];
-    vsnprintf(text, sizeof text, c.format ? c.format : "", ap);
-    writeEvent(s, *log, c, text, value);
+    char line[kLineMax];
+    const size_t len = formatLine(s, line, *log, c, value, ap);
+    writeEvent(s, line, len, c.severity);
     return OK;
 }
 
@@ -307,6 +407,35 @@ void qorEvtUseSyslog(bool on) {
 
 std::string qorEvtLogPath() { return std::string(qorRunDir()) + "/eventlog"; }
 
+void qorEvtLoopFlush() {
+    // What a loop gathered when the process exits is written then.
+    static const int atExit = std::atexit([] {
+        EvtState& e = evt();
+        std::lock_guard lock(e.mu);
+        flushPending(e);
+    });
+    (void)atExit;
+    EvtState& s = evt();
+    std::lock_guard lock(s.mu);
+    tLoopGeneration = s.generation;
+    // Input waiting: the loop does not block and comes back here soon.
+    if (s.pendingLen < kPendingWriteNow && s.inputWaiting != nullptr && s.inputWaiting()) return;
+    flushPending(s);
+}
+
+void qorEvtSetInputProbe(bool (*probe)()) {
+    EvtState& s = evt();
+    std::lock_guard lock(s.mu);
+    s.inputWaiting = probe;
+}
+
+void qorEvtSetLogLimit(size_t bytes) {
+    EvtState& s = evt();
+    std::lock_guard lock(s.mu);
+    s.limit = bytes != 0 ? bytes : QOR_EVT_LOG_LIMIT;
+    rotateIfFull(s);
+}
+
 void qorEvtReset() {
     {
         EvtState& s = evt();
@@ -314,9 +443,12 @@ void qorEvtReset() {
         s.logs.clear();
         s.codes.clear();
         s.useSyslog = false;
-        if (s.fd >= 0) close(s.fd);
-        s.fd = -1;
+        flushPending(s);
+        closeFd(s);
         s.fdRunDir.clear();
+        s.limit = QOR_EVT_LOG_LIMIT;
+        s.inputWaiting = nullptr;
+        ++s.generation;
     }
     for (auto& f : traceFlags()) f.store(0);
     qorSetConsoleSink(nullptr);
