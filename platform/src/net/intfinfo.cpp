@@ -6,7 +6,9 @@
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -33,21 +35,41 @@ bool isGlobal(const QorIpv6Addr& a) {
 // The system's interfaces as getifaddrs lists them. A dump costs some 200 us,
 // and the relay asks several times per packet, so the last dump is kept
 // until the kernel announces a link or IPv6 address change on a netlink
-// socket subscribed to those groups.
+// socket subscribed to those groups. The socket is looked at once per
+// 100 us at most: a change is seen within that time, and a burst of packets
+// pays for one look.
 class IntfCache {
 public:
+    IntfCache() {
+        // A forked child has its own namespace, maybe: it starts afresh.
+        pthread_atfork(nullptr, nullptr, [] { forked_ = true; });
+    }
+
     template <typename Fn>
     auto with(Fn fn) {
         std::lock_guard lock(mu_);
-        if (pid_ != getpid()) reset();  // a forked child has its own namespace, maybe
-        if (!valid_ || changed()) refresh();
-        return fn(intfs_);
+        if (!opened_ || forked_) reset();
+        const int64_t now = monotonicNs();
+        if (!valid_ || now - checkedAt_ >= kCheckEveryNs) {
+            if (changed()) refresh();
+            checkedAt_ = now;
+        }
+        return fn(intfs_, names_);
     }
 
 private:
+    static constexpr int64_t kCheckEveryNs = 100'000;
+
+    static int64_t monotonicNs() {
+        timespec ts{};
+        clock_gettime(CLOCK_MONOTONIC, &ts);
+        return int64_t(ts.tv_sec) * 1'000'000'000 + ts.tv_nsec;
+    }
+
     void reset() {
         if (notices_ >= 0) close(notices_);
-        pid_ = getpid();
+        opened_ = true;
+        forked_ = false;
         valid_ = false;
         notices_ = socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE);
         sockaddr_nl local{};
@@ -61,7 +83,7 @@ private:
 
     // Drains the notices; any notice, or a lost one, means the dump is old.
     bool changed() {
-        if (notices_ < 0) return true;  // no notices: never trust a dump
+        if (notices_ < 0 || !valid_) return true;  // no notices: a dump is trusted for 100 us only
         bool any = false;
         uint8_t buf[8192];
         for (;;) {
@@ -77,6 +99,7 @@ private:
 
     void refresh() {
         intfs_.clear();
+        names_.clear();
         ifaddrs* list = nullptr;
         valid_ = getifaddrs(&list) == 0;
         for (const ifaddrs* a = list; a != nullptr; a = a->ifa_next) {
@@ -85,6 +108,9 @@ private:
             if (a->ifa_addr == nullptr) continue;
             if (a->ifa_addr->sa_family == AF_PACKET) {
                 const auto* ll = reinterpret_cast<const sockaddr_ll*>(a->ifa_addr);
+                intf.index = ll->sll_ifindex;
+                intf.flags = a->ifa_flags;
+                if (ll->sll_ifindex > 0) names_[ll->sll_ifindex] = a->ifa_name;
                 if (ll->sll_halen == 6) {
                     QorMacAddr mac;
                     std::memcpy(mac.data(), ll->sll_addr, mac.size());
@@ -101,12 +127,18 @@ private:
         if (list != nullptr) freeifaddrs(list);
     }
 
+    static inline bool forked_ = false;
     std::mutex mu_;
-    pid_t pid_ = 0;
+    bool opened_ = false;
     int notices_ = -1;
     bool valid_ = false;
+    int64_t checkedAt_ = 0;
     std::map<std::string, QorLinuxIntf> intfs_;
+    std::map<int, std::string> names_;  // Linux ifindex -> name
 };
+
+using IntfMap = std::map<std::string, QorLinuxIntf>;
+using NameMap = std::map<int, std::string>;
 
 IntfCache& cache() {
     static IntfCache c;
@@ -150,7 +182,7 @@ std::set<uint32_t> vrfsOfLinux(const QorHostMap& map, const std::string& linuxNa
 }  // namespace
 
 std::optional<QorLinuxIntf> qorLinuxIntfGet(const std::string& linuxName) {
-    return cache().with([&](const std::map<std::string, QorLinuxIntf>& intfs) -> std::optional<QorLinuxIntf> {
+    return cache().with([&](const IntfMap& intfs, const NameMap&) -> std::optional<QorLinuxIntf> {
         const auto it = intfs.find(linuxName);
         if (it == intfs.end()) return std::nullopt;
         return it->second;
@@ -158,11 +190,33 @@ std::optional<QorLinuxIntf> qorLinuxIntfGet(const std::string& linuxName) {
 }
 
 std::vector<std::string> qorLinuxIntfsWithAddr(const QorIpv6Addr& addr) {
-    return cache().with([&](const std::map<std::string, QorLinuxIntf>& intfs) {
+    return cache().with([&](const IntfMap& intfs, const NameMap&) {
         std::vector<std::string> names;
         for (const auto& [name, intf] : intfs)
             if (std::find(intf.addrs.begin(), intf.addrs.end(), addr) != intf.addrs.end()) names.push_back(name);
         return names;
+    });
+}
+
+std::string qorLinuxNameOfIndex(int linuxIfIndex) {
+    return cache().with([&](const IntfMap&, const NameMap& names) {
+        const auto it = names.find(linuxIfIndex);
+        return it == names.end() ? std::string() : it->second;
+    });
+}
+
+int qorLinuxIndexOfName(const std::string& linuxName) {
+    return cache().with([&](const IntfMap& intfs, const NameMap&) {
+        const auto it = intfs.find(linuxName);
+        return it == intfs.end() ? 0 : it->second.index;
+    });
+}
+
+std::optional<unsigned> qorLinuxIntfFlags(const std::string& linuxName) {
+    return cache().with([&](const IntfMap& intfs, const NameMap&) -> std::optional<unsigned> {
+        const auto it = intfs.find(linuxName);
+        if (it == intfs.end() || it->second.index == 0) return std::nullopt;
+        return it->second.flags;
     });
 }
 

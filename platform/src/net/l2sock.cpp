@@ -13,6 +13,7 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -24,9 +25,11 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "netintf.h"
 #include "qor/bytes.h"
+#include "qor/evtlog.h"
 #include "qor/l2frame.h"
 
 namespace {
@@ -41,13 +44,14 @@ struct SockState {
     SockKind kind = SockKind::Other;
     uint32_t vlanId = 0;                // QOR_SO_L2_VLAN; 0: the frame's own tag
     std::optional<QorIpv6Addr> source;  // QOR_IPV6_SRC_INTF's address
+    std::optional<uint32_t> mark;       // SO_MARK as last read or set here
 };
 
 class Sockets {
 public:
     void add(int fd, SockKind kind) {
         std::lock_guard lock(mu_);
-        socks_[fd] = SockState{kind, 0, std::nullopt};
+        socks_[fd] = SockState{kind, 0, std::nullopt, std::nullopt};
     }
     void erase(int fd) {
         std::lock_guard lock(mu_);
@@ -62,6 +66,18 @@ public:
     void update(int fd, Fn fn) {
         std::lock_guard lock(mu_);
         fn(socks_[fd]);
+    }
+    // Only for descriptors made here: another one's number may be closed and
+    // reused without this layer knowing.
+    std::optional<uint32_t> mark(int fd) {
+        std::lock_guard lock(mu_);
+        const auto it = socks_.find(fd);
+        return it == socks_.end() ? std::nullopt : it->second.mark;
+    }
+    void setMark(int fd, std::optional<uint32_t> mark) {
+        std::lock_guard lock(mu_);
+        const auto it = socks_.find(fd);
+        if (it != socks_.end()) it->second.mark = mark;
     }
 
 private:
@@ -90,9 +106,13 @@ uint32_t optWord(const void* value, size_t i) {
     return w;
 }
 
-// ---- Linux interfaces by name, asked through a descriptor of the caller's namespace --
+// ---- Linux interfaces by name ------------------------------------------------------------
+// Answered from the interface cache; a name or index it does not know yet
+// is asked of the kernel through a descriptor of the caller's namespace.
 
 std::string linuxNameOf(int fd, int linuxIfIndex) {
+    std::string name = qorLinuxNameOfIndex(linuxIfIndex);
+    if (!name.empty()) return name;
     ifreq req{};
     req.ifr_ifindex = linuxIfIndex;
     if (ioctl(fd, SIOCGIFNAME, &req) != 0) return {};
@@ -106,15 +126,20 @@ bool fillIfName(ifreq& req, const std::string& name) {
 }
 
 int linuxIfIndexOf(int fd, const std::string& name) {
+    if (const int index = qorLinuxIndexOfName(name); index != 0) return index;
     ifreq req{};
     if (!fillIfName(req, name) || ioctl(fd, SIOCGIFINDEX, &req) != 0) return 0;
     return req.ifr_ifindex;
 }
 
 bool linkUp(int fd, const std::string& name) {
-    ifreq req{};
-    if (!fillIfName(req, name) || ioctl(fd, SIOCGIFFLAGS, &req) != 0) return false;
-    return (req.ifr_flags & IFF_UP) != 0 && (req.ifr_flags & IFF_RUNNING) != 0;
+    auto flags = qorLinuxIntfFlags(name);
+    if (!flags) {
+        ifreq req{};
+        if (!fillIfName(req, name) || ioctl(fd, SIOCGIFFLAGS, &req) != 0) return false;
+        flags = unsigned(req.ifr_flags);
+    }
+    return (*flags & IFF_UP) != 0 && (*flags & IFF_RUNNING) != 0;
 }
 
 // ---- the protocol socket ---------------------------------------------------------------
@@ -159,6 +184,92 @@ int attachFilter(int fd, const sock_filter (&prog)[N]) {
 // Room for bursts of trapped frames while the loop serves other descriptors.
 constexpr int kProtoRcvBuf = 2 << 20;
 
+// The protocol socket's receive ring: the kernel writes each accepted frame
+// into a slot this process maps, so taking a frame, and looking whether the
+// next one is a stray, cost no system call; select() reports the socket
+// readable while the newest slot holds a frame not yet given back. A slot
+// holds a jumbo frame, more than the daemon's buffer takes; 256 slots, as
+// many frames as the 2 MB queue of a socket without a ring.
+constexpr unsigned kRingFrameSize = 16384;
+constexpr unsigned kRingFramesPerBlock = 4;
+constexpr unsigned kRingBlocks = 64;
+
+struct RxRing {
+    uint8_t* base = nullptr;
+    size_t bytes = 0;
+    unsigned frames = 0;
+    unsigned next = 0;  // the slot the next frame is taken from
+
+    tpacket2_hdr* slot() const { return reinterpret_cast<tpacket2_hdr*>(base + size_t(next) * kRingFrameSize); }
+    // The next slot when the kernel has handed it a frame.
+    tpacket2_hdr* ready() const {
+        tpacket2_hdr* h = slot();
+        return (__atomic_load_n(&h->tp_status, __ATOMIC_ACQUIRE) & TP_STATUS_USER) != 0 ? h : nullptr;
+    }
+    void release() {
+        __atomic_store_n(&slot()->tp_status, uint32_t(TP_STATUS_KERNEL), __ATOMIC_RELEASE);
+        next = (next + 1) % frames;
+    }
+};
+
+class Rings {
+public:
+    void add(int fd, RxRing ring) {
+        std::lock_guard lock(mu_);
+        rings_[fd] = ring;
+    }
+    // Stable while the descriptor is open: only qorClose removes it.
+    RxRing* find(int fd) {
+        std::lock_guard lock(mu_);
+        const auto it = rings_.find(fd);
+        return it == rings_.end() ? nullptr : &it->second;
+    }
+    bool anyReady() {
+        std::lock_guard lock(mu_);
+        return std::any_of(rings_.begin(), rings_.end(), [](const auto& r) { return r.second.ready() != nullptr; });
+    }
+    void erase(int fd) {
+        std::lock_guard lock(mu_);
+        const auto it = rings_.find(fd);
+        if (it == rings_.end()) return;
+        munmap(it->second.base, it->second.bytes);
+        rings_.erase(it);
+    }
+
+private:
+    std::mutex mu_;
+    std::map<int, RxRing> rings_;
+};
+
+Rings& rings() {
+    static Rings r;
+    return r;
+}
+
+// Without a ring (a kernel that refuses one) frames are read with recvmsg.
+std::optional<RxRing> mapRing(int fd) {
+    const int version = TPACKET_V2;
+    tpacket_req req{};
+    req.tp_block_size = kRingFrameSize * kRingFramesPerBlock;
+    req.tp_block_nr = kRingBlocks;
+    req.tp_frame_size = kRingFrameSize;
+    req.tp_frame_nr = kRingFramesPerBlock * kRingBlocks;
+    if (setsockopt(fd, SOL_PACKET, PACKET_VERSION, &version, sizeof version) != 0 ||
+        setsockopt(fd, SOL_PACKET, PACKET_RX_RING, &req, sizeof req) != 0)
+        return std::nullopt;
+    RxRing ring;
+    ring.bytes = size_t(req.tp_block_size) * req.tp_block_nr;
+    void* base = mmap(nullptr, ring.bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (base == MAP_FAILED) {
+        tpacket_req none{};
+        setsockopt(fd, SOL_PACKET, PACKET_RX_RING, &none, sizeof none);
+        return std::nullopt;
+    }
+    ring.base = static_cast<uint8_t*>(base);
+    ring.frames = req.tp_frame_nr;
+    return ring;
+}
+
 int protoSocket() {
     // Made deaf (protocol 0) and bound to every frame only once filtered, so
     // no unfiltered frame is ever queued.
@@ -169,11 +280,22 @@ int protoSocket() {
     all.sll_family = AF_PACKET;
     all.sll_protocol = htons(ETH_P_ALL);
     if (attachFilter(fd, kProtoFilter) != 0 ||
-        setsockopt(fd, SOL_PACKET, PACKET_AUXDATA, &on, sizeof on) != 0 ||
-        bind(fd, reinterpret_cast<const sockaddr*>(&all), sizeof all) != 0) {
+        setsockopt(fd, SOL_PACKET, PACKET_AUXDATA, &on, sizeof on) != 0) {
         const int err = errno;
         close(fd);
         return fail(err);
+    }
+    const std::optional<RxRing> ring = mapRing(fd);
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&all), sizeof all) != 0) {
+        const int err = errno;
+        if (ring) munmap(ring->base, ring->bytes);
+        close(fd);
+        return fail(err);
+    }
+    if (ring) {
+        rings().add(fd, *ring);
+        // A frame in the ring: the loop will not wait, its events may wait for it.
+        qorEvtSetInputProbe([] { return rings().anyReady(); });
     }
 #ifdef PACKET_IGNORE_OUTGOING
     setsockopt(fd, SOL_PACKET, PACKET_IGNORE_OUTGOING, &on, sizeof on);  // the filter drops them anyway
@@ -214,8 +336,53 @@ ssize_t readFrame(int fd, uint8_t* buf, size_t len, int flags, l2frame::RxMeta& 
     return n;
 }
 
+// What the ring's slot tells of its frame, as readFrame learns it from
+// recvmsg and its auxiliary data.
+// The slot's kernel headers are copied out, as the auxiliary data is.
+qor::ByteView ringFrame(int fd, const tpacket2_hdr* slotHdr, l2frame::RxMeta& meta) {
+    const auto* slot = reinterpret_cast<const uint8_t*>(slotHdr);
+    tpacket2_hdr h;
+    std::memcpy(&h, slot, sizeof h);
+    sockaddr_ll from{};
+    std::memcpy(&from, slot + TPACKET_ALIGN(sizeof(tpacket2_hdr)), sizeof from);
+    meta.metaTag = (h.tp_status & TP_STATUS_VLAN_VALID) != 0;
+    meta.metaTci = h.tp_vlan_tci;
+    meta.checksumPending = (h.tp_status & TP_STATUS_CSUMNOTREADY) != 0;
+    if ((h.tp_status & TP_STATUS_VLAN_TPID_VALID) != 0) meta.metaTpid = h.tp_vlan_tpid;
+    meta.outgoing = from.sll_pkttype == PACKET_OUTGOING;
+    if (!meta.outgoing) meta.linuxName = linuxNameOf(fd, from.sll_ifindex);
+    // The kernel keeps the frame inside its slot; checked all the same.
+    const size_t mac = std::min<size_t>(h.tp_mac, kRingFrameSize);
+    return qor::ByteView(slot + mac, std::min<size_t>(h.tp_snaplen, kRingFrameSize - mac));
+}
+
 // A bound on the frames one read drops, so the loop is never held here.
 constexpr int kMaxFramesPerRead = 64;
+
+// The ring's strays, given back to the kernel up to the next frame for the
+// daemon.
+void dropRingStrays(int fd, RxRing& ring, const QorHostMap& map) {
+    for (int i = 0; i < kMaxFramesPerRead; ++i) {
+        const tpacket2_hdr* h = ring.ready();
+        if (h == nullptr) return;
+        l2frame::RxMeta meta;
+        const qor::ByteView frame = ringFrame(fd, h, meta);
+        if (l2frame::classify(map, meta, frame)) return;
+        ring.release();
+    }
+}
+
+// One frame from the ring into buf, as readFrame reads it; -1 with EAGAIN
+// when none waits.
+ssize_t readRingFrame(int fd, RxRing& ring, uint8_t* buf, size_t len, l2frame::RxMeta& meta) {
+    const tpacket2_hdr* h = ring.ready();
+    if (h == nullptr) return fail(EAGAIN);
+    const qor::ByteView frame = ringFrame(fd, h, meta);
+    const size_t n = std::min(frame.size(), len);
+    std::memcpy(buf, frame.data(), n);
+    ring.release();
+    return ssize_t(n);
+}
 
 // Frames that would be dropped are taken off the queue now, so the
 // descriptor is readable only when a frame for the daemon waits.
@@ -245,15 +412,21 @@ ssize_t protoRecv(int fd, uint8_t* buf, size_t len, void* src, unsigned* srcLen,
     if (buf == nullptr || len < l2frame::kMinRxBuffer) return fail(EINVAL);
     const auto map = qorHostMapGet();
     const qor::MutByteView out(buf, len);
+    RxRing* ring = rings().find(fd);
     for (int i = 0; i < kMaxFramesPerRead; ++i) {
         l2frame::RxMeta meta;
-        const ssize_t n = readFrame(fd, buf + l2frame::kRxLead, len - l2frame::kRxLead, 0, meta);
+        const ssize_t n = ring != nullptr
+                              ? readRingFrame(fd, *ring, buf + l2frame::kRxLead, len - l2frame::kRxLead, meta)
+                              : readFrame(fd, buf + l2frame::kRxLead, len - l2frame::kRxLead, 0, meta);
         if (n < 0) return -1;
         const size_t frameLen = std::min(size_t(n), len - l2frame::kRxLead);
         const auto d = l2frame::classify(*map, meta, out.subspan(l2frame::kRxLead, frameLen));
         if (!d) continue;
         const size_t delivered = l2frame::deliver(out, frameLen, *d, meta.checksumPending);
-        dropQueuedStrays(fd, *map);
+        if (ring != nullptr)
+            dropRingStrays(fd, *ring, *map);
+        else
+            dropQueuedStrays(fd, *map);
         fillSource(src, srcLen);
         if (logical) *logical = d->logical;
         if (physical) *physical = d->physical;
@@ -307,22 +480,49 @@ ssize_t l2Send(int fd, const SockState& st, qor::ByteView b, uint32_t egress) {
     return sendAll(fd, plan, b.size());
 }
 
-int sendSocket(SockKind kind) {
-    // The relay opens a flood socket for every flooded client message and
-    // closes it after one send. Closing a packet socket waits for a kernel
-    // grace period (milliseconds), so every caller gets a duplicate of one
-    // send-only socket (protocol 0: it never queues a frame) and its close
-    // only drops a reference. Per-socket state (the VLAN option) is kept by
-    // descriptor, so duplicates do not share it.
-    static std::mutex mu;
-    static int shared = -1;
-    int fd = -1;
-    {
-        std::lock_guard lock(mu);
+// The relay opens a flood socket for every flooded client message and
+// closes it after one send. Closing a packet socket waits for a kernel
+// grace period (milliseconds), so every caller gets a duplicate of one
+// send-only socket (protocol 0: it never queues a frame) and its close
+// only drops a reference. A few closed duplicates are kept for the next
+// callers, so a send socket opened and closed per message costs no system
+// call. Per-socket state (the VLAN option) is kept by descriptor and
+// cleared with it, so duplicates do not share it.
+class SendSockets {
+public:
+    int open() {
+        std::lock_guard lock(mu_);
+        if (!spare_.empty()) {
+            const int fd = spare_.back();
+            spare_.pop_back();
+            return fd;
+        }
         // Made again later if it could not be made (no CAP_NET_RAW yet).
-        if (shared < 0) shared = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
-        if (shared >= 0) fd = fcntl(shared, F_DUPFD_CLOEXEC, 0);
+        if (shared_ < 0) shared_ = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
+        return shared_ >= 0 ? fcntl(shared_, F_DUPFD_CLOEXEC, 0) : -1;
     }
+    // False when the descriptor is to be closed after all.
+    bool keep(int fd) {
+        std::lock_guard lock(mu_);
+        if (spare_.size() >= kSpares) return false;
+        spare_.push_back(fd);
+        return true;
+    }
+
+private:
+    static constexpr size_t kSpares = 4;
+    std::mutex mu_;
+    int shared_ = -1;
+    std::vector<int> spare_;
+};
+
+SendSockets& sendSockets() {
+    static SendSockets s;
+    return s;
+}
+
+int sendSocket(SockKind kind) {
+    const int fd = sendSockets().open();
     if (fd >= 0) sockets().add(fd, kind);
     return fd;
 }
@@ -350,12 +550,21 @@ int setVrf(int fd, const void* value, unsigned len) {
     if (!known) return fail(ENXIO);
     const uint32_t table = map->tableOfVrf(vrfId);
     if (table != 0 && qorVrfRuleEnsure(table) != 0) return -1;
-    uint32_t mark = 0;
-    socklen_t markLen = sizeof mark;
-    if (getsockopt(fd, SOL_SOCKET, SO_MARK, &mark, &markLen) != 0) return -1;
+    // The relay sets the VRF before every send: the mark is read once and
+    // remembered for a descriptor made here.
+    std::optional<uint32_t> mark = sockets().mark(fd);
+    if (!mark) {
+        uint32_t current = 0;
+        socklen_t markLen = sizeof current;
+        if (getsockopt(fd, SOL_SOCKET, SO_MARK, &current, &markLen) != 0) return -1;
+        mark = current;
+        sockets().setMark(fd, mark);
+    }
     // Marking needs CAP_NET_ADMIN; the default VRF on an unmarked socket does not.
-    if (mark == table) return 0;
-    return setsockopt(fd, SOL_SOCKET, SO_MARK, &table, sizeof table);
+    if (*mark == table) return 0;
+    if (setsockopt(fd, SOL_SOCKET, SO_MARK, &table, sizeof table) != 0) return -1;
+    sockets().setMark(fd, table);
+    return 0;
 }
 
 // The kernel keeps no source address for a socket bound to [::] (a sticky
@@ -453,10 +662,14 @@ int qorSetsockopt(int fd, int level, int option, const void* value, unsigned len
     if (level == QOR_SOL_SOCKET && option == QOR_SO_VRF) return setVrf(fd, value, len);
     if (level == QOR_SOL_SOCKET && option == QOR_SO_L2_VLAN) return setL2Vlan(fd, value, len);
     if (level == QOR_IPPROTO_IPV6 && option == QOR_IPV6_SRC_INTF) return setSourceIntf(fd, value, len);
+    if (level == SOL_SOCKET && option == SO_MARK) sockets().setMark(fd, std::nullopt);  // read again
     return setsockopt(fd, level, option, value, socklen_t(len));
 }
 
 int qorClose(int fd) {
+    const SockKind kind = sockets().get(fd).kind;
     sockets().erase(fd);
+    rings().erase(fd);
+    if ((kind == SockKind::Send || kind == SockKind::Flood) && sendSockets().keep(fd)) return 0;
     return close(fd);
 }

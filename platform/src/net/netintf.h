@@ -1,7 +1,8 @@
-// netintf.h -- what the packet layer knows of Linux interfaces: their MAC and
-// IPv6 addresses (a cache refreshed when the kernel announces a change), the
-// Linux interface behind a mapped switch interface, and the policy rules
-// that route a VRF's marked packets through its table. Internal to qor_net.
+// netintf.h -- what the packet layer knows of Linux interfaces: their index,
+// flags, MAC and IPv6 addresses (a cache refreshed when the kernel announces
+// a change, seen within 100 us), the Linux interface behind a mapped switch
+// interface, and the policy rules that route a VRF's marked packets through
+// its table. Internal to qor_net.
 #pragma once
 
 #include <array>
@@ -16,6 +17,8 @@ using QorIpv6Addr = std::array<uint8_t, 16>;
 using QorMacAddr = std::array<uint8_t, 6>;
 
 struct QorLinuxIntf {
+    int index = 0;                       // the Linux ifindex
+    unsigned flags = 0;                  // IFF_UP, IFF_RUNNING, ...
     std::optional<QorMacAddr> mac;
     std::vector<QorIpv6Addr> addrs;      // every IPv6 address, as the kernel lists them
     std::optional<QorIpv6Addr> global;   // the first one not link-local, multicast or loopback
@@ -23,6 +26,12 @@ struct QorLinuxIntf {
 
 // The Linux interface of that name, or nothing when there is none.
 std::optional<QorLinuxIntf> qorLinuxIntfGet(const std::string& linuxName);
+// The name of the Linux interface with that index, or "" when the cache
+// knows none; the index of the one with that name, or 0.
+std::string qorLinuxNameOfIndex(int linuxIfIndex);
+int qorLinuxIndexOfName(const std::string& linuxName);
+// Its interface flags (IFF_UP, IFF_RUNNING, ...), or nothing when unknown.
+std::optional<unsigned> qorLinuxIntfFlags(const std::string& linuxName);
 // The Linux interfaces that hold addr.
 std::vector<std::string> qorLinuxIntfsWithAddr(const QorIpv6Addr& addr);
 
