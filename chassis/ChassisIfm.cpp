@@ -29,6 +29,12 @@ constexpr size_t kRegOffQueue = 1968;
 constexpr uint32_t kLookupInterface = 0;
 constexpr uint32_t kLookupVrf = 1;
 constexpr size_t kPortNoticesKept = 1024;
+constexpr uint32_t kLagNumberMax = 65535;
+
+bool isSwitchPortType(uint32_t ifIndex) {
+    const uint32_t type = ifmIfIndexToIfType(ifIndex);
+    return type == IFM_IFTYPE_ETHERNET || type == IFM_IFTYPE_PE_ETHERNET || type == IFM_IFTYPE_LAG;
+}
 
 // Interface notification (MT_IFM_NOTIF_MSG): TLV count at 128, TLVs from 140;
 // a TLV is type, length of the whole TLV, then 32-bit words.
@@ -38,6 +44,7 @@ constexpr size_t kTlvHeaderLen = 4;
 constexpr uint16_t kTlvDeleted = 2;
 constexpr uint16_t kTlvUp = 3;
 constexpr uint16_t kTlvDown = 4;
+constexpr uint16_t kTlvModeChange = 11;  // ifIndex, flags (bit 0: now a switch port)
 constexpr uint16_t kTlvLagAddPort = 47;
 constexpr uint16_t kTlvLagDelPort = 48;
 
@@ -56,6 +63,7 @@ const ChassisHandler<ChassisIfm> ChassisIfm::kHandlers[] = {
      &ChassisIfm::ifmPortNotice},
     {QOR_MT_IFM_LOOKUP, QOR_IFM_LOOKUP_OFF_NAME + QOR_IFM_LOOKUP_NAME_LEN, true,
      &ChassisIfm::ifmLookup},
+    {QOR_MT_IFM_PORT_CONFIG, QOR_IFM_PORT_CFG_LEN, true, &ChassisIfm::ifmPortConfig},
     {MT_SWP_ACK, QOR_IPC_HDR_LEN, false, &ChassisIfm::ifmAck},
 };
 
@@ -149,6 +157,47 @@ void ChassisIfm::ifmLookup(ChassisMsg& msg) {
     chassisReply(msg);
 }
 
+int32_t ChassisIfm::ifmSetPortLag(uint32_t port, uint32_t lagNumber) const {
+    const auto map = qorHostMapGet();
+    const QorHostIf* itf = map->find(port);
+    const uint32_t type = ifmIfIndexToIfType(port);
+    if (itf == nullptr || (type != IFM_IFTYPE_ETHERNET && type != IFM_IFTYPE_PE_ETHERNET))
+        return QOR_IFM_PORT_CFG_ERR_PORT;
+    if (lagNumber > kLagNumberMax) return QOR_IFM_PORT_CFG_ERR_REQUEST;
+    if (lagNumber == 0) {
+        const uint32_t lag = map->lagOf(port);
+        if (lag == 0) return 0;
+        std::vector<uint32_t> members = map->find(lag)->members;
+        members.erase(std::remove(members.begin(), members.end(), port), members.end());
+        return qorHostMapSetLagMembers(lag, members) == 0 ? 0 : QOR_IFM_PORT_CFG_ERR_LAG;
+    }
+    uint32_t lag = 0;
+    const std::string name = "port-channel " + std::to_string(lagNumber);
+    if (ifmNameToIfIndex(name.c_str(), &lag) != 0 || map->find(lag) == nullptr) return QOR_IFM_PORT_CFG_ERR_LAG;
+    std::vector<uint32_t> members = map->find(lag)->members;
+    if (std::find(members.begin(), members.end(), port) == members.end()) members.push_back(port);
+    return qorHostMapSetLagMembers(lag, members) == 0 ? 0 : QOR_IFM_PORT_CFG_ERR_LAG;
+}
+
+void ChassisIfm::ifmPortConfig(ChassisMsg& msg) {
+    const uint32_t port = qor::u32At(msg, QOR_IFM_PORT_CFG_OFF_IFINDEX);
+    const uint32_t what = qor::u32At(msg, QOR_IFM_PORT_CFG_OFF_WHAT);
+    const uint32_t value = qor::u32At(msg, QOR_IFM_PORT_CFG_OFF_VALUE);
+    int32_t status = QOR_IFM_PORT_CFG_ERR_REQUEST;
+    if (!useHostMap_) {
+        status = QOR_IFM_PORT_CFG_ERR_PORT;
+    } else if (what == QOR_IFM_PORT_CFG_MODE && value <= 1) {
+        status = isSwitchPortType(port) && qorHostMapSetSwitchPort(port, value == 1) == 0
+                     ? 0
+                     : QOR_IFM_PORT_CFG_ERR_PORT;
+    } else if (what == QOR_IFM_PORT_CFG_LAG) {
+        status = ifmSetPortLag(port, value);
+    }
+    // The watcher tells the clients on its next look at the map.
+    qor::putU32(msg, QOR_IPC_OFF_STATUS, uint32_t(status));
+    chassisReply(msg);
+}
+
 // ---- interface notifications --------------------------------------------------------
 
 void ChassisIfm::watchStart() {
@@ -236,6 +285,15 @@ void ChassisIfm::watchUpdate(bool announce) {
                 tlvs.push_back({kTlvLagAddPort, {lag, port}});
     }
     lagMembers_ = std::move(lags);
+    // Switch ports: the first look tells the clients which ports are; later
+    // ones each change either way.
+    for (const auto& [ifIndex, itf] : map->interfaces) {
+        if (!isSwitchPortType(ifIndex)) continue;
+        const auto [it, added] = switchPorts_.try_emplace(ifIndex, itf.switchPort);
+        const bool before = std::exchange(it->second, itf.switchPort);
+        if (added ? itf.switchPort : before != itf.switchPort)
+            tlvs.push_back({kTlvModeChange, {ifIndex, itf.switchPort ? 1u : 0u}});
+    }
     notifyClients(tlvs);
 }
 

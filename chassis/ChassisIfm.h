@@ -1,7 +1,8 @@
 // ChassisIfm.h -- the interface manager service: client registrations, port
 // configuration notices, the name lookups of the CLI, and the interface
-// notifications (state up, down, deleted; LAG members) its clients get over
-// SWP, from the Linux links of the mapped interfaces.
+// notifications (state up, down, deleted; switch-port mode; LAG members) its
+// clients get over SWP, from the Linux links of the mapped interfaces and the
+// operator's port configuration.
 #pragma once
 
 #include <array>
@@ -53,6 +54,10 @@ private:
     void ifmPortNotice(ChassisMsg& msg);
     void ifmLookup(ChassisMsg& msg);
     void ifmAck(ChassisMsg& msg);
+    void ifmPortConfig(ChassisMsg& msg);
+    // "channel-group": the port joins port-channel lagNumber (0: leaves its
+    // own). 0 or a QOR_IFM_PORT_CFG_ERR_* status.
+    int32_t ifmSetPortLag(uint32_t port, uint32_t lagNumber) const;
     std::optional<uint32_t> ifmLookupInterface(const std::string& name) const;
     std::optional<uint32_t> ifmLookupVrf(const std::string& name) const;
 
@@ -93,5 +98,6 @@ private:
     ChassisLinkStates links_;                                // watcher thread only
     std::map<uint32_t, IfState> ifStates_;                   // watcher thread only
     std::map<uint32_t, std::vector<uint32_t>> lagMembers_;   // watcher thread only
+    std::map<uint32_t, bool> switchPorts_;                   // watcher thread only
     std::map<uint32_t, NotifyQueue> notify_;                 // by client queue; under mu_
 };

@@ -154,6 +154,28 @@ int cliDoClearRoutes(const CliSession& session, const CliParsed& p, std::string&
     return -1;
 }
 
+int cliDoPortCfg(const CliSession& session, const CliParsed& p, std::string& err) {
+    std::vector<uint8_t> msg = cliEncodePortCfg(cliInstance(session), p, session.currentIfIndex);
+    if (cliAsk(session, QOR_APP_IFM, msg, err) != 0) return -1;
+    const int32_t status = cliAnswerStatus(msg);
+    const std::string name = cliIfName(session.currentIfIndex);
+    switch (status) {
+    case 0:
+        return 0;
+    case QOR_IFM_PORT_CFG_ERR_PORT:
+        err = p.cmd == CliCmd::SwitchPort
+                  ? "% Error: " + name + " is not a port or port-channel of the host map"
+                  : "% Error: " + name + " is not a port of the host map";
+        return -1;
+    case QOR_IFM_PORT_CFG_ERR_LAG:
+        err = "% Error: unknown interface port-channel " + std::to_string(p.lagNumber);
+        return -1;
+    default:
+        err = "% Error: the interface manager refused the command (status " + std::to_string(status) + ")";
+        return -1;
+    }
+}
+
 // ---- show running-config ----------------------------------------------------------
 
 enum class CliRead { Done, Changed, Failed };
@@ -296,6 +318,9 @@ int cliExecute(CliSession& session, const std::string& line, std::string& out, s
         return cliDoShowAcl(session, out, err);
     case CliCmd::ClearRoutes:
         return cliDoClearRoutes(session, p, err);
+    case CliCmd::SwitchPort:
+    case CliCmd::ChannelGroup:
+        return cliDoPortCfg(session, p, err);
     }
     err = "% Unknown command: " + line;
     return -1;

@@ -38,6 +38,8 @@ enum class CliCmd : uint8_t {
     WriteMemory,      // write memory
     ShowAclTrap,      // show acl trap
     ClearRoutes,      // clear ipv6 route dhcp [PREFIX/LEN]
+    SwitchPort,       // [no] switchport (interface context)
+    ChannelGroup,     // channel-group N, no channel-group [N] (interface context)
 };
 
 struct CliParsed {
@@ -52,6 +54,7 @@ struct CliParsed {
     uint32_t debugFlags = 0;        // the new dhcpv6_debug_flag
     bool allRoutes = true;          // clear ipv6 route dhcp: every route, or prefix/prefixLen
     uint8_t prefixLen = 0;
+    uint32_t lagNumber = 0;         // channel-group: the port-channel, 1-65535; 0 leaves it
 };
 
 constexpr uint32_t CLI_DEBUG_LEVEL_ON = 7;   // EVT_LOGDEBUG: what "debug ipv6 dhcp" asks for
@@ -233,6 +236,31 @@ inline int cliParseDebug(const CliWords& words, size_t at, CliParsed& out, std::
     return cliUnknownCommand(words, err);
 }
 
+// [no] switchport and channel-group N / no channel-group [N]: the IFM's port
+// configuration, from the word after any "no".
+inline int cliParsePortCfg(const CliWords& words, size_t at, bool inInterface, CliParsed& out,
+                           std::string& err) {
+    const bool mode = cliIsWord(words[at], "switchport");
+    if (!inInterface)
+        return cliParseFail(err, std::string("% Error: ") + (mode ? "switchport" : "channel-group") +
+                                     " is an interface command (enter \"interface NAME\" first)");
+    if (mode) {
+        if (words.size() != at + 1) return cliUnknownCommand(words, err);
+        out.cmd = CliCmd::SwitchPort;
+        return 0;
+    }
+    out.cmd = CliCmd::ChannelGroup;
+    if (out.negate && words.size() == at + 1) return 0;
+    if (words.size() != at + 2) return cliUnknownCommand(words, err);
+    uint32_t n = 0;
+    if (!cliParseU32(words[at + 1], n) || n < 1 || n > 65535)
+        return cliParseFail(err, "% Error: invalid port-channel number " + std::string(words[at + 1]) +
+                                     " (1-65535)");
+    // "no channel-group N" leaves whichever port-channel the port is in.
+    out.lagNumber = out.negate ? 0 : n;
+    return 0;
+}
+
 // Commands that may take the "no" form, from the word after any "no".
 inline int cliParseConfig(const CliWords& words, size_t at, bool inInterface, CliParsed& out,
                           std::string& err) {
@@ -242,6 +270,8 @@ inline int cliParseConfig(const CliWords& words, size_t at, bool inInterface, Cl
         return cliParseSourceIntf(words, at + 4, inInterface, out, err);
     if (cliWordsAre(words, at, {"debug", "ipv6", "dhcp"}))
         return cliParseDebug(words, at + 3, out, err);
+    if (cliWordsAre(words, at, {"switchport"}) || cliWordsAre(words, at, {"channel-group"}))
+        return cliParsePortCfg(words, at, inInterface, out, err);
     return cliUnknownCommand(words, err);
 }
 
@@ -441,6 +471,15 @@ inline std::vector<uint8_t> cliEncodeClearRoutes(int instance, const CliParsed& 
         qor::putU32(msg, QOR_RTM_CLEAR_OFF_PREFIX_LEN, p.prefixLen);
         qor::putBytes(msg, QOR_RTM_CLEAR_OFF_PREFIX, p.addr.data(), p.addr.size());
     }
+    return msg;
+}
+
+inline std::vector<uint8_t> cliEncodePortCfg(int instance, const CliParsed& p, uint32_t portIfIndex) {
+    std::vector<uint8_t> msg = cliNewMsg(QOR_IFM_PORT_CFG_LEN, QOR_MT_IFM_PORT_CONFIG, QOR_APP_IFM, instance);
+    qor::putU32(msg, QOR_IFM_PORT_CFG_OFF_IFINDEX, portIfIndex);
+    const bool mode = p.cmd == CliCmd::SwitchPort;
+    qor::putU32(msg, QOR_IFM_PORT_CFG_OFF_WHAT, mode ? QOR_IFM_PORT_CFG_MODE : QOR_IFM_PORT_CFG_LAG);
+    qor::putU32(msg, QOR_IFM_PORT_CFG_OFF_VALUE, mode ? (p.negate ? 0 : 1) : p.lagNumber);
     return msg;
 }
 

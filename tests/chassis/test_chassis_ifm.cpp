@@ -56,7 +56,8 @@ TEST_P(IfmShortRequest, IsRefusedNotLeftWaiting) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Types, IfmShortRequest,
-                         ::testing::Values(QOR_MT_IFM_REGISTER, QOR_MT_IFM_PORT_NOTICE, QOR_MT_IFM_LOOKUP));
+                         ::testing::Values(QOR_MT_IFM_REGISTER, QOR_MT_IFM_PORT_NOTICE, QOR_MT_IFM_LOOKUP,
+                                           QOR_MT_IFM_PORT_CONFIG));
 
 TEST_F(Ifm, PortNoticeIsAcceptedAndKept) {
     Bytes m = message(QOR_CHASSIS_OFF_BODY + QOR_PORT_NOTICE_LEN, QOR_MT_IFM_PORT_NOTICE, 0,
@@ -169,8 +170,28 @@ TEST_F(IfmLinks, LinkChangesReachTheRegisteredClientAsInterfaceTlvs) {
         Bytes reg = ifmRegistration(QOR_APP_RELAYMGR, instance_, relay.id());
         ASSERT_TRUE(request(QOR_APP_IFM, instance_, reg));
         QOR_SWP_SEQ seq{};
-        EXPECT_EQ(takeNotifications(relay, seq, 1), (std::vector<NotifTlv>{{47, {po3, e14}}}))
-            << "the members there are at registration";
+        EXPECT_EQ(takeNotifications(relay, seq, 2), (std::vector<NotifTlv>{{47, {po3, e14}}, {11, {e11, 1}}}))
+            << "the members and the switch ports there are at registration";
+        // The operator's port configuration (dhcpv6-cli "switchport", "channel-group").
+        const auto portCfg = [&](uint32_t port, uint32_t what, uint32_t value) {
+            Bytes m = message(QOR_IFM_PORT_CFG_LEN, QOR_MT_IFM_PORT_CONFIG, 0, queueOf(QOR_APP_IFM, instance_));
+            qor::putU32(m, QOR_IFM_PORT_CFG_OFF_IFINDEX, port);
+            qor::putU32(m, QOR_IFM_PORT_CFG_OFF_WHAT, what);
+            qor::putU32(m, QOR_IFM_PORT_CFG_OFF_VALUE, value);
+            EXPECT_TRUE(request(QOR_APP_IFM, instance_, m));
+            return int32_t(qor::u32At(m, QOR_IPC_OFF_STATUS));
+        };
+        const auto ok = [&](uint32_t port, uint32_t what, uint32_t value) {
+            ASSERT_EQ(portCfg(port, what, value), 0);
+        };
+        // Refused, and nothing told: a VLAN interface has no mode, a port-channel
+        // nobody mapped, an unmapped port, an unknown request.
+        EXPECT_EQ(portCfg(kVlan10, QOR_IFM_PORT_CFG_MODE, 0), QOR_IFM_PORT_CFG_ERR_PORT);
+        EXPECT_EQ(portCfg(e14, QOR_IFM_PORT_CFG_LAG, 9), QOR_IFM_PORT_CFG_ERR_LAG);
+        EXPECT_EQ(portCfg(po3, QOR_IFM_PORT_CFG_LAG, 3), QOR_IFM_PORT_CFG_ERR_PORT);
+        EXPECT_EQ(portCfg(ifmEthernetIfIndex(1, 7, 0), QOR_IFM_PORT_CFG_MODE, 1), QOR_IFM_PORT_CFG_ERR_PORT);
+        EXPECT_EQ(portCfg(e11, QOR_IFM_PORT_CFG_MODE, 2), QOR_IFM_PORT_CFG_ERR_REQUEST);
+        EXPECT_EQ(portCfg(e11, 7, 0), QOR_IFM_PORT_CFG_ERR_REQUEST);
         const struct {
             std::function<void()> change;
             std::vector<NotifTlv> tlvs;
@@ -185,6 +206,10 @@ TEST_F(IfmLinks, LinkChangesReachTheRegisteredClientAsInterfaceTlvs) {
             {[] { sh("ip link del i0"); }, {{4, {e11}}, {4, {kVlan10}}, {2, {e11}}, {2, {kVlan10}}}},
             {[&] { ASSERT_EQ(qorHostMapSetLagMembers(po3, {e15}), 0); },
              {{48, {po3, e14}}, {47, {po3, e15}}}},
+            {[&] { ok(e11, QOR_IFM_PORT_CFG_MODE, 0); }, {{11, {e11, 0}}}},
+            {[&] { ok(po3, QOR_IFM_PORT_CFG_MODE, 1); }, {{11, {po3, 1}}}},
+            {[&] { ok(e14, QOR_IFM_PORT_CFG_LAG, 3); }, {{47, {po3, e14}}}},
+            {[&] { ok(e15, QOR_IFM_PORT_CFG_LAG, 0); }, {{48, {po3, e15}}}},
         };
         for (size_t i = 0; i < std::size(cases); ++i) {
             cases[i].change();

@@ -105,3 +105,11 @@ cli() {
     for c in "$@"; do args+=(-c "$c"); done
     nl_cli "${args[@]}" || fail "dhcpv6-cli refused: $*"
 }
+
+# cli_refuses MESSAGE COMMAND...: the session fails and says MESSAGE.
+cli_refuses() {
+    local want=$1 args=() c out; shift
+    for c in "$@"; do args+=(-c "$c"); done
+    if out=$(nl_cli "${args[@]}" 2>&1); then fail "dhcpv6-cli accepted: $*"; fi
+    if grep -qF -- "$want" <<<"$out"; then pass "refused: $want"; else fail "dhcpv6-cli said '$out', not '$want'"; fi
+}

@@ -64,6 +64,23 @@ constexpr size_t QOR_IFM_LOOKUP_OFF_KIND = 80;
 constexpr size_t QOR_IFM_LOOKUP_OFF_NAME = 84;
 constexpr size_t QOR_IFM_LOOKUP_NAME_LEN = 64;
 constexpr size_t QOR_IFM_LOOKUP_OFF_RESULT = 148;
+// An operator's port configuration (the CLI's "[no] switchport" and "[no]
+// channel-group N" under an interface): body 80 the port's ifIndex, 84 what
+// (QOR_IFM_PORT_CFG_MODE: 88 is 1 for a switch port, 0 for a routed one;
+// QOR_IFM_PORT_CFG_LAG: 88 is the port-channel number 1-65535 the port joins,
+// or 0 to leave its port-channel). The IFM changes the host map and tells its
+// clients with MT_IFM_NOTIF_MSG (mode change, LAG port added or deleted).
+// Answered: status 0, or one of QOR_IFM_PORT_CFG_ERR_*.
+constexpr uint32_t QOR_MT_IFM_PORT_CONFIG = 13803;
+constexpr size_t QOR_IFM_PORT_CFG_OFF_IFINDEX = 80;
+constexpr size_t QOR_IFM_PORT_CFG_OFF_WHAT = 84;
+constexpr size_t QOR_IFM_PORT_CFG_OFF_VALUE = 88;
+constexpr size_t QOR_IFM_PORT_CFG_LEN = 92;
+constexpr uint32_t QOR_IFM_PORT_CFG_MODE = 0;
+constexpr uint32_t QOR_IFM_PORT_CFG_LAG = 1;
+constexpr int32_t QOR_IFM_PORT_CFG_ERR_PORT = -1;     // not a mapped port (or port-channel, for the mode)
+constexpr int32_t QOR_IFM_PORT_CFG_ERR_LAG = -2;      // the port-channel is not mapped
+constexpr int32_t QOR_IFM_PORT_CFG_ERR_REQUEST = -3;  // an unknown "what" or value
 
 // ---- RTM (QOR_APP_RTM) ----------------------------------------------------------
 // Registration: body 80 owner, 84 VRF argument, 88 instance, 92 address family,

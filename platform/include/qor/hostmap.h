@@ -21,7 +21,9 @@
 //   linux = veth-c1               untagged = the VLAN it carries untagged;
 //   untagged = 10                 tagged = the VLANs it carries tagged ("20,30-32");
 //   tagged = 20,30-32             a port with neither is a routed port;
-//   vrf = red                     vrf = the VRF of a routed port
+//   vrf = red                     vrf = the VRF of a routed port. A port or
+//                                 port-channel that carries VLANs is a switch
+//                                 port (the CLI's "switchport" changes that)
 //
 //   [interface vlan 10]           a VLAN interface: linux = the Linux interface
 //   linux = veth-c1               that holds the VLAN's IPv6 address (the port
@@ -67,6 +69,10 @@ struct QorHostIf {
     std::vector<uint32_t> taggedVlans;  // tagged =, ascending
     std::vector<uint32_t> members;    // members = (port-channels), ifIndexes
     std::string vrf;                  // vrf =; empty: the default VRF
+    // A layer-2 port (ports and port-channels): what the IFM tells its
+    // clients, who keep static snooping bindings on switch ports only.
+    // Frames are switched by the VLANs the port carries, whatever this says.
+    bool switchPort = false;
 };
 
 struct QorHostSystem {
@@ -111,3 +117,6 @@ std::shared_ptr<const QorHostMap> qorHostMapGet();
 // port-channel at a time, so the members leave any other. 0, or -1 when the
 // port-channel is not mapped or a member is not a port.
 int qorHostMapSetLagMembers(uint32_t lagIfIndex, const std::vector<uint32_t>& members);
+// Makes a port or port-channel a switch port or not (the CLI's "[no]
+// switchport"). 0, or -1 when it is not a mapped port or port-channel.
+int qorHostMapSetSwitchPort(uint32_t ifIndex, bool switchPort);

@@ -271,6 +271,8 @@ bool Parser::closeInterface() {
         std::binary_search(itf.taggedVlans.begin(), itf.taggedVlans.end(), itf.untaggedVlan))
         return fail(cur_.line, "'" + itf.name + "' carries VLAN " + std::to_string(itf.untaggedVlan) +
                                    " both untagged and tagged");
+    const uint32_t type = ifmIfIndexToIfType(itf.ifIndex);
+    itf.switchPort = vlans && (isMemberType(type) || type == IFM_IFTYPE_LAG);
     map_.interfaces.emplace(itf.ifIndex, std::move(itf));
     return true;
 }
@@ -517,6 +519,17 @@ int qorHostMapSetLagMembers(uint32_t lagIfIndex, const std::vector<uint32_t>& me
     mine.clear();
     for (uint32_t m : members)
         if (std::find(mine.begin(), mine.end(), m) == mine.end()) mine.push_back(m);
+    installed().map = std::move(next);
+    return 0;
+}
+
+int qorHostMapSetSwitchPort(uint32_t ifIndex, bool switchPort) {
+    const uint32_t type = ifmIfIndexToIfType(ifIndex);
+    if (!isMemberType(type) && type != IFM_IFTYPE_LAG) return -1;
+    std::lock_guard lock(installed().mu);
+    if (!installed().map->hasInterface(ifIndex)) return -1;
+    auto next = std::make_shared<QorHostMap>(*installed().map);
+    next->interfaces.at(ifIndex).switchPort = switchPort;
     installed().map = std::move(next);
     return 0;
 }
