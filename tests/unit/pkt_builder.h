@@ -1,6 +1,4 @@
-// pkt_builder.h -- DHCPv6 messages and the frames that carry them, written
-// field by field, and readers for what the relay sends, for the packet-path
-// tests. The UDP checksum here is computed independently of the relay's.
+// pkt_builder.h -- DHCPv6 messages and frames written field by field, and an option reader.
 #pragma once
 
 #include <arpa/inet.h>
@@ -10,7 +8,6 @@
 #include <cstdint>
 #include <initializer_list>
 #include <optional>
-#include <string>
 #include <utility>
 #include <vector>
 
@@ -27,26 +24,20 @@ inline Addr addr(const char* text) {
     inet_pton(AF_INET6, text, a.data());
     return a;
 }
-
-inline void put(Bytes& b, std::initializer_list<uint8_t> bytes) { b.insert(b.end(), bytes); }
-inline void put16(Bytes& b, uint16_t v) { put(b, {uint8_t(v >> 8), uint8_t(v)}); }
-template <typename Range>
-void putAll(Bytes& b, const Range& r) {
-    b.insert(b.end(), std::begin(r), std::end(r));
+template <size_t N>
+Bytes bytes(const std::array<uint8_t, N>& a) {
+    return Bytes(a.begin(), a.end());
 }
-
-// code, length, data
+inline Bytes cat(std::initializer_list<Bytes> parts) {
+    Bytes b;
+    for (const auto& p : parts) b.insert(b.end(), p.begin(), p.end());
+    return b;
+}
+inline Bytes be16(int v) { return {uint8_t(v >> 8), uint8_t(v)}; }
+inline Bytes be32(uint32_t v) { return cat({be16(int(v >> 16)), be16(int(v & 0xFFFF))}); }
 inline Bytes option(uint16_t code, const Bytes& data) {
-    Bytes o;
-    put16(o, code);
-    put16(o, uint16_t(data.size()));
-    putAll(o, data);
-    return o;
+    return cat({be16(code), be16(int(data.size())), data});
 }
-inline Bytes option(uint16_t code, const std::string& text) {
-    return option(code, Bytes(text.begin(), text.end()));
-}
-
 // A DUID of `len` bytes: DUID-LL (type 3, Ethernet) then a counting tail.
 inline Bytes duid(size_t len, uint8_t seed = 1) {
     Bytes d{0, 3, 0, 1};
@@ -54,99 +45,59 @@ inline Bytes duid(size_t len, uint8_t seed = 1) {
     d.resize(len);
     return d;
 }
-
-// A client or server message: type, 3-byte transaction id, options.
+// A client or server message (type, transaction id) or a relay message, then options.
 inline Bytes message(uint8_t type, uint32_t xid, std::initializer_list<Bytes> options) {
-    Bytes m{type, uint8_t(xid >> 16), uint8_t(xid >> 8), uint8_t(xid)};
-    for (const auto& o : options) putAll(m, o);
-    return m;
+    Bytes m = be32(xid);
+    m[0] = type;
+    return cat({m, cat(options)});
 }
-
-// A Relay-Forward or Relay-Reply: type, hop-count, link, peer, options.
 inline Bytes relay(uint8_t type, uint8_t hop, const Addr& link, const Addr& peer,
                    std::initializer_list<Bytes> options) {
-    Bytes m{type, hop};
-    putAll(m, link);
-    putAll(m, peer);
-    for (const auto& o : options) putAll(m, o);
-    return m;
+    return cat({{type, hop}, bytes(link), bytes(peer), cat(options)});
 }
 
-// RFC 1071 sum of the IPv6 pseudo-header and `len` bytes of UDP datagram,
-// with the datagram's checksum field taken as zero.
-inline uint16_t udpChecksum(const Addr& src, const Addr& dst, const uint8_t* udp, size_t len) {
-    uint32_t sum = 0;
-    auto add = [&](const uint8_t* p, size_t n, size_t skip) {
-        for (size_t i = 0; i < n; i += 2) {
-            if (i == skip) continue;
-            sum += uint32_t(p[i]) << 8 | (i + 1 < n ? p[i + 1] : 0);
-        }
-    };
-    add(src.data(), 16, 99);
-    add(dst.data(), 16, 99);
-    sum += uint32_t(len) + 17;
-    add(udp, len, 6);
-    while (sum >> 16) sum = (sum & 0xFFFF) + (sum >> 16);
-    const uint16_t c = uint16_t(~sum);
-    return c == 0 ? 0xFFFF : c;
-}
-
-// An Ethernet frame as the protocol socket delivers it: the 18-byte link
-// header (tagged), IPv6, UDP, the message.
+// A frame as the protocol socket delivers it: tagged 18-byte link header, IPv6, UDP, message.
 struct Frame {
     Mac dstMac{0x33, 0x33, 0, 1, 0, 2};
     Mac srcMac{0x02, 0, 0, 0, 0, 0xc1};
     uint16_t vlan = 10;
     Addr src = addr("fe80::c1");
     Addr dst = addr("ff02::1:2");
-    uint16_t srcPort = 546;
-    uint16_t dstPort = 547;
-    Bytes payload;
-    int udpLenDelta = 0;               // the UDP length field minus the true length
-    int ip6LenDelta = 0;               // the IPv6 payload length minus the true length
-    std::optional<uint16_t> checksum;  // the correct one unless set
+    uint16_t srcPort = 546, dstPort = 547;
+    Bytes payload = {};
+    int udpLenDelta = 0, ip6LenDelta = 0;   // the length fields minus the true length
+    std::optional<uint16_t> checksum = {};  // the correct one unless set
 
     Bytes build() const {
-        Bytes f;
-        putAll(f, dstMac);
-        putAll(f, srcMac);
-        put16(f, 0x8100);
-        put16(f, vlan);
-        put16(f, 0x86DD);
-        const size_t udpLen = 8 + payload.size();
-        put(f, {0x60, 0, 0, 0});
-        put16(f, uint16_t(int(udpLen) + ip6LenDelta));
-        put(f, {17, 255});
-        putAll(f, src);
-        putAll(f, dst);
-        const size_t udpAt = f.size();
-        put16(f, srcPort);
-        put16(f, dstPort);
-        put16(f, uint16_t(int(udpLen) + udpLenDelta));
-        put16(f, 0);
-        putAll(f, payload);
-        const uint16_t sum = checksum ? *checksum : udpChecksum(src, dst, f.data() + udpAt, udpLen);
-        qor::putU16(f, udpAt + 6, sum);
+        const int len = int(8 + payload.size());
+        const Bytes udp =
+            cat({be16(srcPort), be16(dstPort), be16(len + udpLenDelta), be16(0), payload});
+        // RFC 1071 over the pseudo-header and the datagram (padded to even).
+        uint32_t sum = 0;
+        const Bytes all = cat({bytes(src), bytes(dst), be32(len), be32(17), udp, Bytes(1, 0)});
+        for (size_t i = 0; i + 1 < all.size(); i += 2) sum += uint32_t(all[i] << 8 | all[i + 1]);
+        while (sum >> 16) sum = (sum & 0xFFFF) + (sum >> 16);
+        Bytes f = cat({bytes(dstMac), bytes(srcMac), be32(0x81000000 | vlan), be16(0x86DD),
+                       be32(0x60000000), be32(uint32_t(len + ip6LenDelta) << 16 | 17 << 8 | 255),
+                       bytes(src), bytes(dst), udp});
+        qor::putU16(f, 64, checksum ? *checksum : uint16_t(~sum) ? uint16_t(~sum) : 0xFFFF);
         return f;
     }
 };
 
-// The options of a message from `from` on, in order.
-inline std::vector<std::pair<uint16_t, Bytes>> options(const Bytes& m, size_t from) {
-    std::vector<std::pair<uint16_t, Bytes>> out;
-    for (size_t at = from; at + 4 <= m.size();) {
-        const uint16_t len = qor::u16At(m, at + 2);
-        if (at + 4 + len > m.size()) break;
-        out.emplace_back(qor::u16At(m, at),
-                         Bytes(m.begin() + long(at) + 4, m.begin() + long(at) + 4 + len));
-        at += 4 + len;
-    }
-    return out;
-}
-
 inline Bytes slice(const Bytes& b, size_t from, size_t len) {
     if (from > b.size()) return {};
     return Bytes(b.begin() + long(from), b.begin() + long(std::min(b.size(), from + len)));
+}
+// The options of a message from `from` on, in order, up to a malformed one.
+inline std::vector<std::pair<uint16_t, Bytes>> options(const Bytes& m, size_t from) {
+    std::vector<std::pair<uint16_t, Bytes>> out;
+    for (size_t at = from; at + 4 <= m.size(); at += 4 + out.back().second.size()) {
+        const size_t len = qor::u16At(m, at + 2);
+        if (at + 4 + len > m.size()) break;
+        out.emplace_back(qor::u16At(m, at), slice(m, at + 4, len));
+    }
+    return out;
 }
 
 }  // namespace pkt
