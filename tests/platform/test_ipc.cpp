@@ -1,283 +1,206 @@
-// IPC request queues and the header on the wire, as another process sees
-// them: sends, receives, replies to the sender, and synchronous requests.
+// IPC and SWP queues between two processes (both in this test process), as the
+// other side sees them; the tick is driven by hand for SWP's retransmissions.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <array>
-#include <cstdlib>
+#include <algorithm>
 #include <cstring>
-#include <set>
+#include <filesystem>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "qor/ipc.h"
+#include "qor/mem.h"
+#include "qor/pipe.h"
+#include "qor/swp.h"
 #include "qor/task.h"
 
 namespace {
 
 using Msg = std::vector<uint8_t>;
+using Words = std::vector<uint32_t>;
+constexpr uint32_t kModule = 0x7A0000;  // the test's own variable partition
+constexpr int kRetransmit = 25;
+void* swpAlloc(uint32_t size) { return qorMC_M_memBlockVarAlloc("test_ipc", __LINE__, 1, size, kModule, 0, 0); }
+int swpFree(void* block) { return qorMC_M_memBlockVarFree("test_ipc", __LINE__, block); }
 
-TEST(IpcHeader, FieldsSitAtTheirOffsetsBigEndian) {
-    std::array<uint8_t, 96> msg;
-    msg.fill(0xAA);
-    ASSERT_TRUE(qorIpcBuildHeader(msg, 0x01020304, 6001, 0x7F000001, 0x01500001, 0x7F000002, 0x008A0001));
-    const std::pair<size_t, uint32_t> fields[] = {{8, 0x01020304}, {12, 6001},         {20, 0},
-                                                  {36, 0},         {40, 0x7F000001},   {44, 0x01500001},
-                                                  {48, 0},         {52, 0x7F000002},   {56, 0x008A0001}};
-    for (const auto& [off, value] : fields) {
-        const uint32_t word = (uint32_t(msg[off]) << 24) | (uint32_t(msg[off + 1]) << 16) |
-                              (uint32_t(msg[off + 2]) << 8) | msg[off + 3];
-        EXPECT_EQ(word, value) << "at " << off;
-    }
-    EXPECT_EQ(msg[64], 0xAA) << "the header builder wrote into the command's fields";
-    std::array<uint8_t, 63> shortBuf{};
-    EXPECT_FALSE(qorIpcBuildHeader(shortBuf, 63, 1, 0, 0, 0, 0));
-    // Queues differ by application, instance and kind.
-    const std::set<uint32_t> ids = {qor_getQueueId(336, 0, 1), qor_getQueueId(336, 0, 3), qor_getQueueId(336, 1, 1),
-                                    qor_getQueueId(138, 0, 1)};
-    EXPECT_EQ(ids.size(), 4u);
-}
-
-sockaddr_un addrOf(const std::string& path) {
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
+// A socket of another program bound at `path`; or, given a message and that socket, the send of it to `path`.
+int rawSocket(const std::string& path, const Msg& m = {}, int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un addr{AF_UNIX, {}};
     std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
-    return addr;
+    if (!m.empty()) return int(sendto(fd, m.data(), m.size(), 0, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
+    return bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 ? fd : -1;
 }
-
-// A socket of another program in the run directory (a CLI, a harness); with
-// no name it is unbound.
-class RawSocket {
-public:
-    explicit RawSocket(const std::string& path = "") : path_(path), fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un addr = addrOf(path_);
-        if (!path.empty()) bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+// Every message waiting on a queue handle (or, raw, on a socket), without blocking.
+std::vector<Msg> all(int queue, bool raw = false) {
+    std::vector<Msg> out;
+    for (Msg buf(QOR_IPC_MAX_MSG);; buf.resize(QOR_IPC_MAX_MSG)) {
+        const long n = raw ? recv(queue, buf.data(), buf.size(), MSG_DONTWAIT)
+                           : qorIpcRecv(queue, buf.data(), uint32_t(buf.size()), QOR_IPC_NOWAIT, 0, 0);
+        if (n <= 0) return out;
+        out.emplace_back(buf.begin(), buf.begin() + n);
     }
-    ~RawSocket() {
-        close(fd_);
-        if (!path_.empty()) unlink(path_.c_str());
-    }
-    bool sendTo(const std::string& path, const Msg& bytes) const {
-        sockaddr_un addr = addrOf(path);
-        return sendto(fd_, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&addr), sizeof addr) ==
-               ssize_t(bytes.size());
-    }
-    // What waits in the socket, without blocking: the datagram, or empty.
-    Msg take() const {
-        Msg buf(QOR_IPC_MAX_MSG * 2);
-        const ssize_t n = recv(fd_, buf.data(), buf.size(), MSG_DONTWAIT);
-        buf.resize(n > 0 ? size_t(n) : 0);
-        return buf;
-    }
-
-private:
-    std::string path_;
-    int fd_;
-};
-
-// A message of `size` bytes whose length word says `lengthWord`, to `dstApp`.
-Msg message(size_t size, uint32_t lengthWord, int dstApp = 336) {
+}
+// One word of each message: by default its sequence number.
+Words words(const std::vector<Msg>& msgs, size_t off = QOR_SWP_OFF_SEQ) {
+    Words out;
+    for (const auto& m : msgs) out.push_back(qor::u32At(m, off));
+    return out;
+}
+// `size` bytes whose length word says `lengthWord`, from the owner's queue to application `dstApp`.
+Msg message(size_t size, uint32_t lengthWord, int dstApp = 336, uint32_t type = 6001) {
     Msg m(size, 0);
-    qorIpcBuildHeader(m, lengthWord, 6001, qor_sysGetIpAddr(), qor_getQueueId(99, 0, 1), qor_sysGetIpAddr(),
+    qorIpcBuildHeader(m, lengthWord, type, qor_sysGetIpAddr(), qor_getQueueId(336, 0, 1), qor_sysGetIpAddr(),
                       qor_getQueueId(dstApp, 0, 1));
-    if (dstApp != 336) qorIpcSetSourceHeader(m, lengthWord, 6001, dstApp, 0, QOR_QUEUE_REQUEST);
     for (size_t i = QOR_IPC_HDR_LEN; i < size; ++i) m[i] = uint8_t(i);
     return m;
 }
 
 class Ipc : public ::testing::Test {
 protected:
-    static std::string runDir;
-    static void SetUpTestSuite() {
-        char tmpl[] = "/tmp/qor-ipc-XXXXXX";
-        runDir = mkdtemp(tmpl);
-        qorSetRunDir(runDir.c_str());
-        qorPlatformSetIdentity(336, 0);
-    }
-    static void TearDownTestSuite() {
-        std::system(("rm -rf " + runDir).c_str());
-        qorSetRunDir("/run/qor");
-    }
     void SetUp() override {
-        daemon = Key_getReqQueue(qorTaskStartup(0, nullptr, 0, 0));
+        char tmpl[] = "/tmp/qor-ipc-XXXXXX";
+        const uint32_t sizes[] = {128, 512, 8192};
+        qorSetRunDir((runDir = mkdtemp(tmpl)).c_str()), qorPlatformSetIdentity(336, 0), qorTickSetManual(true);
+        qorMemReset();
+        owner = Key_getReqQueue(qorTaskStartup(0, nullptr, 336, 0));
         peer = Key_getReqQueue(qorTaskStartup(0, nullptr, 138, 0));
-        ASSERT_GE(daemon, 0);
-        ASSERT_GE(peer, 0);
+        ASSERT_TRUE(owner >= 0 && peer >= 0 && (pipeFd = qorSwpCreatePipe("/qor/pipe/swp-test")) >= 0 &&
+                    qorMC_qor_memPartVarInit(kModule, 0, sizes, 3) == OK);
     }
-    static std::string path(int app, int inst = 0) {
-        return runDir + "/ipc/" + std::to_string(app) + "." + std::to_string(inst) + ".1";
+    void TearDown() override {
+        EXPECT_EQ(q >= 0 ? qorSwpQueueRemove(q) : 0, 0);
+        EXPECT_EQ(qorMemVarLiveCount(kModule), 0u) << "removing the queue must free every block it holds";
+        EXPECT_EQ(qorMemDoubleFreeCount(), 0u) << "a block freed by both the queue and its owner";
+        qorTickSetManual(false), pipeDevDelete("/qor/pipe/swp-test"), qorSetRunDir("/run/qor");
+        std::filesystem::remove_all(runDir);
     }
-    // The peer answers the next request: with `answer`, or else with the
-    // request's own bytes and `status` in the status word.
-    std::thread answerOnce(uint32_t status, Msg answer = {}) {
-        return std::thread([this, status, answer] {
-            std::array<uint8_t, QOR_IPC_MAX_MSG> buf{};
-            const int n = qorIpcRecv(peer, buf.data(), uint32_t(buf.size()), 0, 0, 0);
-            if (n <= 0) return;
-            qor::putU32(buf, QOR_IPC_OFF_STATUS, status);
-            if (answer.empty()) qorIpcReply(peer, buf.data(), uint32_t(n));
-            else qorIpcReply(peer, answer.data(), uint32_t(answer.size()));
-        });
+    void makeQueue(int maxEntries, int window, uint32_t type = 0) {
+        ASSERT_EQ(qorSwpQueueCreate_p(0, maxEntries, window, kRetransmit, 336, 0, owner, 138, 0, type, swpAlloc, 0,
+                                      swpFree, nullptr, &q, pipeFd), 0);
     }
-    int daemon = -1, peer = -1;
+    // A block built as the daemon builds one, header then fields; null when the queue refuses it.
+    void* enqueue(uint32_t mark, uint32_t type = 5701) {
+        auto* block = static_cast<uint8_t*>(qorSwpAllocBlock(q, 96));
+        qorIpcSetSourceHeader(qor::MutByteView(block, 96), 96, type, 138, 0, QOR_QUEUE_REQUEST);
+        qor::putU32(qor::MutByteView(block, 96), 80, mark);
+        if (qorSwpEnqueue(q, block, 96) == 0) return block;
+        EXPECT_EQ(qorSwpFreeBlock(q, block), 0) << "a refused block stays the caller's";
+        return nullptr;
+    }
+    int accept(const Msg& m, size_t len = 0) {
+        return qorSwpCkSeqAndAck(m.data(), uint32_t(len ? len : m.size()), &peerSeq, peer);
+    }
+    // The owner's dispatcher hands each acknowledgement to SWP and frees the block it gets back.
+    std::vector<void*> takeAcks() {
+        std::vector<void*> blocks;
+        for (const auto& ack : all(owner)) {  // 64-byte messages of their own type
+            EXPECT_EQ(Words({uint32_t(ack.size()), qor::u32At(ack, QOR_IPC_OFF_TYPE)}), Words({64, MT_SWP_ACK}));
+            void* block = nullptr;
+            blocks.push_back(qorSwpDequeue(ack.data(), uint32_t(ack.size()), &block) == 0 ? block : nullptr);
+            if (block) swpFree(block);
+        }
+        return blocks;
+    }
+    bool pipeReadable(int timeoutMs = 0) const {
+        pollfd p{pipeFd, POLLIN, 0};
+        return poll(&p, 1, timeoutMs) == 1;
+    }
+    std::string runDir;
+    int owner = -1, peer = -1, pipeFd = -1, q = -1;
+    QOR_SWP_SEQ peerSeq{};
 };
-std::string Ipc::runDir;
 
-TEST_F(Ipc, MessageReachesThePeerQueueWithTheBytesSent) {
-    EXPECT_EQ(Key_getReqQueue(daemon), daemon) << "a queue handle names its receiving side";
-    Msg msg = message(80, 80, 138);
-    msg[79] = 0x5A;
-    ASSERT_EQ(qorIpcSend(daemon, msg.data(), 80, 0), 0);
-    std::array<uint8_t, 200> got{};
-    ASSERT_EQ(recv(Key_getSocketFd(peer), got.data(), got.size(), MSG_DONTWAIT), 80);
-    EXPECT_TRUE(std::equal(msg.begin(), msg.end(), got.begin()));
-    EXPECT_EQ(qor::u32At(got, QOR_IPC_OFF_SRC_QUEUE), qor_getQueueId(336, 0, 1));
-    // A missing queue, an oversized or a headerless message is not sent.
-    EXPECT_EQ(qorIpcSend(daemon, message(64, 64, 250).data(), 64, 0), -1);
-    Msg big(QOR_IPC_MAX_MSG + 1);
-    EXPECT_EQ(qorIpcSend(daemon, big.data(), uint32_t(big.size()), 0), -1);
-    EXPECT_EQ(qorIpcSend(daemon, msg.data(), 10, 0), -1) << "shorter than a header";
-}
-
-TEST_F(Ipc, QueuesArePrivateAndAStaleSocketOfAKilledDaemonIsReplaced) {
-    struct stat st {};
-    ASSERT_EQ(stat((runDir + "/ipc").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0700u);
-    ASSERT_EQ(stat(path(336).c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
-    {  // bound then closed, as a killed process leaves it
-        int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
-        sockaddr_un addr = addrOf(path(77));
-        ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-        close(fd);
+// The count is what arrived, whatever the length word says, never more than
+// the buffer; a reply echoing a lying length word sends only what arrived.
+TEST_F(Ipc, ReceiveAndReplyStayWithinWhatArrived) {
+    EXPECT_EQ(qorIpcRecv(owner, Msg(64).data(), 64, QOR_IPC_NOWAIT, 0, 0), -1) << "nothing waiting";
+    const std::tuple<const char*, size_t, uint32_t, uint32_t, int> cases[] = {  // sent, length word, buffer, count
+        {"length word larger than the message", 80, 4000, 8192, 80}, {"length word zero", 96, 0, 8192, 96},
+        {"length word past the maximum", 64, 0xFFFFFFFF, 8192, 64},
+        {"message longer than the buffer", 300, 300, 100, 100}, {"message exactly the buffer", 100, 100, 100, 100}};
+    const int cli = rawSocket(runDir + "/ipc/t.cli");
+    for (const auto& [what, sent, lengthWord, bufLen, count] : cases) {
+        ASSERT_EQ(rawSocket(runDir + "/ipc/336.0.1", message(sent, lengthWord), cli), int(sent));
+        Msg buf(bufLen + 16, 0xEE);
+        EXPECT_EQ(qorIpcRecv(owner, buf.data(), bufLen, QOR_IPC_NOWAIT, 0, 0), count) << what;
+        EXPECT_EQ(std::count(buf.begin() + bufLen, buf.end(), 0xEE), 16) << what << ": wrote past the buffer";
+        ASSERT_EQ(qorIpcReply(owner, buf.data(), std::max(lengthWord, uint32_t(sent))), 0) << what;
+        EXPECT_EQ(all(cli, true).at(0).size(), size_t(count)) << what;
     }
-    EXPECT_GE(Key_getReqQueue(qorTaskStartup(0, nullptr, 77, 0)), 0) << "the stale socket file blocked the queue";
+    close(cli);
 }
 
-TEST_F(Ipc, ReceiveCountIsWhatArrivedAndStaysInTheBuffer) {
-    std::array<uint8_t, 128> none{};
-    EXPECT_EQ(qorIpcRecv(daemon, none.data(), 128, QOR_IPC_NOWAIT, 0, 0), -1) << "nothing waiting";
-    EXPECT_EQ(qorIpcRecv(-1, none.data(), 128, QOR_IPC_NOWAIT, 0, 0), -1);
-    struct Case {
-        const char* what;
-        size_t sent;
-        uint32_t lengthWord, bufLen;
-        int expected;
-    };
-    RawSocket cli(runDir + "/ipc/t.recv");
-    for (const Case& c : {Case{"length word larger than the message", 80, 4000, 8192, 80},
-                          Case{"length word zero", 96, 0, 8192, 96},
-                          Case{"length word past the maximum", 64, 0xFFFFFFFF, 8192, 64},
-                          Case{"message longer than the buffer", 300, 300, 100, 100},
-                          Case{"message exactly the buffer", 100, 100, 100, 100}}) {
-        ASSERT_TRUE(cli.sendTo(path(336), message(c.sent, c.lengthWord)));
-        Msg buf(c.bufLen + 16, 0xEE);
-        EXPECT_EQ(qorIpcRecv(daemon, buf.data(), c.bufLen, QOR_IPC_NOWAIT, 0, 0), c.expected) << c.what;
-        for (size_t i = c.bufLen; i < buf.size(); ++i) ASSERT_EQ(buf[i], 0xEE) << c.what << ": wrote past at " << i;
+// The peer takes each number once and in order; each acknowledgement gives
+// back its block once, even when a duplicate is acknowledged again. Short,
+// lying or foreign acknowledgements give no block; short or unnumbered
+// messages are neither processed nor acknowledged, and move no state.
+TEST_F(Ipc, SwpPeerProcessesInOrderOnceAndEachAckGivesBackItsBlock) {
+    makeQueue(0, 10, 12804);
+    void* const blocks[] = {enqueue(0xA0, 0), enqueue(0xA1, 7777)};  // the queue's type only where none is set
+    EXPECT_TRUE(pipeReadable() && all(peer).empty()) << "enqueue wakes the owner's loop, which sends";
+    ASSERT_EQ(qorSwpReadPipe(pipeFd), 0);
+    EXPECT_FALSE(pipeReadable()) << "the pipe words were consumed";
+    const auto got = all(peer);
+    ASSERT_EQ(words(got), (Words{1, 2}));
+    // Addressed owner to peer with the queue's identifier, the caller's fields unchanged.
+    EXPECT_EQ(words(got, QOR_SWP_OFF_QUEUE), (Words{uint32_t(q), uint32_t(q)}));
+    EXPECT_EQ(words(got, QOR_IPC_OFF_TYPE), (Words{12804, 7777}));
+    EXPECT_EQ(words(got, QOR_IPC_OFF_SRC_QUEUE), Words(2, qor_getQueueId(336, 0, 1)));
+    EXPECT_EQ(words(got, QOR_IPC_OFF_DST_QUEUE), Words(2, qor_getQueueId(138, 0, 1)));
+    EXPECT_EQ(words(got, 80), (Words{0xA0, 0xA1}));
+    const std::tuple<const char*, bool, uint32_t, uint32_t, uint32_t, uint32_t> bad[] = {
+        // what, an acknowledgement?, length, type, number, queue offset
+        {"ack of an unknown number", true, 64, MT_SWP_ACK, 3, 0}, {"ack of number 0", true, 64, MT_SWP_ACK, 0, 0},
+        {"ack of an unknown queue", true, 64, MT_SWP_ACK, 1, 1000}, {"ack of another type", true, 64, 10908, 1, 0},
+        {"ack cut before the type word", true, 15, MT_SWP_ACK, 1, 0},
+        {"ack cut before the queue word", true, 6, MT_SWP_ACK, 1, 0},
+        {"message shorter than a header", false, 63, 10908, 1, 0}, {"message numbered 0", false, 64, 10908, 0, 0},
+        {"message out of order", false, 64, 10908, 2, 0}};
+    for (const auto& [what, ack, length, type, seq, queue] : bad) {
+        Msg m = message(64, 64, 138, type);
+        qor::putU32(m, QOR_SWP_OFF_SEQ, seq);
+        qor::putU32(m, QOR_SWP_OFF_QUEUE, uint32_t(q) + queue);
+        void* out = &peerSeq;
+        EXPECT_EQ(ack ? qorSwpDequeue(m.data(), length, &out) : accept(m, length), ack ? -1 : QOR_SWP_OUT_OF_ORDER)
+            << what;
+        EXPECT_EQ(out, &peerSeq) << what << ": the output was touched";
+        EXPECT_TRUE(all(owner).empty()) << what << ": acknowledged";
     }
-    // A reply after a lying length word sends only what the buffer holds.
-    ASSERT_TRUE(cli.sendTo(path(336), message(100, 4000)));
-    Msg buf(100);
-    ASSERT_EQ(qorIpcRecv(daemon, buf.data(), 100, 0, 0, 0), 100);
-    ASSERT_EQ(qorIpcReply(daemon, buf.data(), qor::u32At(buf, QOR_IPC_OFF_LENGTH)), 0);
-    EXPECT_EQ(cli.take().size(), 100u);
+    EXPECT_EQ(qorSwpQueueDepth(q), 2);
+    EXPECT_EQ(accept(got[0]), QOR_SWP_IN_ORDER);
+    EXPECT_EQ(accept(got[1]), QOR_SWP_IN_ORDER);
+    EXPECT_EQ(accept(got[0]), QOR_SWP_DUPLICATE) << "its first acknowledgement may have been lost";
+    EXPECT_EQ(takeAcks(), (std::vector<void*>{blocks[0], blocks[1], nullptr}));
+    EXPECT_EQ(qorSwpQueueDepth(q), 0);
 }
 
-TEST_F(Ipc, ReplyGoesBackToTheSenderOfTheLastMessage) {
-    const int fresh = Key_getReqQueue(qorTaskStartup(0, nullptr, 250, 3));
-    Msg buf(256);
-    EXPECT_EQ(qorIpcReply(fresh, buf.data(), 64), -2) << "nothing was received yet";
-    RawSocket first(runDir + "/ipc/t.first"), second(runDir + "/ipc/t.second"), anon;
-    ASSERT_TRUE(first.sendTo(path(336), message(80, 80)));
-    ASSERT_EQ(qorIpcRecv(daemon, buf.data(), uint32_t(buf.size()), 0, 0, 0), 80);
-    qor::putU32(buf, QOR_IPC_OFF_STATUS, 7);
-    ASSERT_EQ(qorIpcReply(daemon, buf.data(), 80), 0);
-    const auto toFirst = first.take();
-    ASSERT_EQ(toFirst.size(), 80u);
-    EXPECT_EQ(qor::u32At(toFirst, QOR_IPC_OFF_STATUS), 7u);
-    EXPECT_EQ(toFirst[79], 79) << "the reply carries the request's own fields";
-    ASSERT_TRUE(second.sendTo(path(336), message(72, 72)));
-    ASSERT_EQ(qorIpcRecv(daemon, buf.data(), uint32_t(buf.size()), 0, 0, 0), 72);
-    ASSERT_EQ(qorIpcReply(daemon, buf.data(), 72), 0);
-    EXPECT_EQ(second.take().size(), 72u);
-    EXPECT_TRUE(first.take().empty()) << "the first sender got the second's reply";
-    // An unbound socket has no name to answer.
-    ASSERT_TRUE(anon.sendTo(path(250, 3), message(64, 64)));
-    ASSERT_EQ(qorIpcRecv(fresh, buf.data(), uint32_t(buf.size()), 0, 0, 0), 64);
-    EXPECT_EQ(qorIpcReply(fresh, buf.data(), 64), -2);
-}
-
-TEST_F(Ipc, SendWaitGetsThePeersAnswerInTheCallersBufferAndNoMore) {
-    std::thread peerTask = answerOnce(0x2A);
-    Msg msg = message(120, 120, 138);
-    EXPECT_EQ(qorIpcSendWait(daemon, msg.data(), 120, 500, 6001, 0), 0);
-    peerTask.join();
-    EXPECT_EQ(qor::u32At(msg, QOR_IPC_OFF_STATUS), 0x2Au);
-    EXPECT_EQ(msg[119], 119);
-    std::array<uint8_t, 64> stray{};
-    EXPECT_EQ(qorIpcRecv(daemon, stray.data(), 64, QOR_IPC_NOWAIT, 0, 0), -1)
-        << "the answer must not land in the daemon's request queue";
-    // An answer longer than the caller's message is cut to it.
-    Msg answer = message(300, 300);
-    std::fill(answer.begin() + QOR_IPC_HDR_LEN, answer.end(), 0xA5);
-    peerTask = answerOnce(0, answer);
-    Msg buf(164, 0x11);  // 100 bytes of request, then a guard
-    const Msg req = message(100, 100, 138);
-    std::copy(req.begin(), req.end(), buf.begin());
-    EXPECT_EQ(qorIpcSendWait(daemon, buf.data(), 100, 500, 6001, 0), 0);
-    peerTask.join();
-    EXPECT_EQ(buf[99], 0xA5) << "the answer fills the caller's buffer";
-    for (size_t i = 100; i < buf.size(); ++i) ASSERT_EQ(buf[i], 0x11) << "overran at " << i;
-}
-
-TEST_F(Ipc, LateAnswerIsNotTakenForTheNextRequest) {
-    EXPECT_EQ(qorIpcSendWait(daemon, message(64, 64, 250).data(), 64, 500, 6001, 0), -1) << "no such queue";
-    EXPECT_EQ(qorIpcSendWait(-1, message(64, 64, 138).data(), 64, 500, 6001, 0), -1) << "no queue of the caller's";
-    Msg first = message(80, 80, 138);
-    ASSERT_EQ(qorIpcSendWait(daemon, first.data(), 80, 1, 6001, 0), -2) << "no answer in time";
-    // The peer answers the first request only now.
-    std::array<uint8_t, 128> buf{};
-    ASSERT_EQ(qorIpcRecv(peer, buf.data(), 128, QOR_IPC_NOWAIT, 0, 0), 80) << "it was sent";
-    qor::putU32(buf, QOR_IPC_OFF_STATUS, 111);
-    ASSERT_EQ(qorIpcReply(peer, buf.data(), 80), 0);
-    std::thread peerTask = answerOnce(222);
-    Msg second = message(80, 80, 138);
-    EXPECT_EQ(qorIpcSendWait(daemon, second.data(), 80, 500, 6001, 0), 0);
-    peerTask.join();
-    EXPECT_EQ(qor::u32At(second, QOR_IPC_OFF_STATUS), 222u);
-}
-
-TEST_F(Ipc, ToolWithoutAQueueReachesTheDaemon) {
-    // dhcpv6-cli has no request queue: its answer comes back to a private socket.
-    std::thread daemonTask([this] {
-        std::array<uint8_t, 256> buf{};
-        const int n = qorIpcRecv(daemon, buf.data(), uint32_t(buf.size()), 0, 0, 0);
-        qor::putU32(buf, QOR_IPC_OFF_STATUS, 5);
-        if (n > 0) qorIpcReply(daemon, buf.data(), uint32_t(n));
-    });
-    Msg msg = message(88, 88);
-    EXPECT_EQ(qorIpcRequest(336, 0, msg.data(), 88, 500), 0);
-    daemonTask.join();
-    EXPECT_EQ(qor::u32At(msg, QOR_IPC_OFF_STATUS), 5u);
-    EXPECT_EQ(qorIpcRequest(250, 9, msg.data(), 88, 500), -1) << "no such daemon";
-}
-
-TEST_F(Ipc, QueueMovesWithTheRunDirectory) {
-    char tmpl[] = "/tmp/qor-ipc2-XXXXXX";
-    const std::string other = mkdtemp(tmpl);
-    qorSetRunDir(other.c_str());
-    EXPECT_EQ(Key_getReqQueue(qorTaskStartup(0, nullptr, 0, 0)), daemon) << "the handle stays the same";
-    struct stat st {};
-    EXPECT_EQ(stat((other + "/ipc/336.0.1").c_str(), &st), 0);
-    EXPECT_TRUE(qorIpcQueueReachable(qor_getQueueId(336, 0, 1)));
-    EXPECT_FALSE(qorIpcQueueReachable(qor_getQueueId(138, 0, 1))) << "138 was not asked for here";
-    qorSetRunDir(runDir.c_str());
-    Key_getReqQueue(qorTaskStartup(0, nullptr, 0, 0));
-    std::system(("rm -rf " + other).c_str());
+// Two in flight at most; a lost message is resent with its number once the
+// interval has passed, and an acknowledgement that opens the window sends more.
+TEST_F(Ipc, SwpLostMessageIsResentAfterTheIntervalAndTheWindowBoundsWhatIsInFlight) {
+    makeQueue(3, 2);
+    for (uint32_t i = 1; i <= 3; ++i) ASSERT_NE(enqueue(i), nullptr);
+    EXPECT_EQ(enqueue(4), nullptr) << "a full queue refuses";
+    qorSwpReadPipe(pipeFd);
+    const auto first = all(peer);
+    ASSERT_EQ(words(first), (Words{1, 2}));
+    EXPECT_EQ(accept(first[1]), QOR_SWP_OUT_OF_ORDER) << "the first was lost";
+    qorTickAdvance(kRetransmit - 1);
+    qorSwpReadPipe(pipeFd);
+    EXPECT_TRUE(all(peer).empty()) << "resent before the interval";
+    qorTickAdvance(1);
+    ASSERT_TRUE(pipeReadable(10000)) << "no wake-up for the due retransmission";
+    qorSwpReadPipe(pipeFd);
+    const auto again = all(peer);
+    ASSERT_EQ(words(again), (Words{1, 2}));
+    for (const auto& m : again) EXPECT_EQ(accept(m), QOR_SWP_IN_ORDER);
+    EXPECT_EQ(takeAcks().size(), 2u);
+    EXPECT_TRUE(pipeReadable()) << "an acknowledgement that opens the window wakes the owner";
+    qorSwpReadPipe(pipeFd);
+    EXPECT_EQ(words(all(peer)), Words{3});
 }
 
 }  // namespace
