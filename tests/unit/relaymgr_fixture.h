@@ -1,45 +1,29 @@
-// relaymgr_fixture.h -- a relay manager brought up on the recording platform
-// stand-in and taken down again: every test starts clean and ends by proving
-// that no pool block was left behind.
+// relaymgr_fixture.h -- a relay manager brought up on the recording platform stand-in and taken
+// down again: every test starts clean and ends by proving that no pool block was left behind.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <cstdint>
-#include <cstdio>
-#include <cstring>
+#include <filesystem>
 #include <fstream>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "Timer.h"
 #include "dhcpv6RelayMgr.h"
 #include "dhcpv6RelayMsgs.h"
 #include "dhcpv6Snooping.h"
 #include "fake.h"
 #include "pkt_builder.h"
-#include "qor/bytes.h"
-#include "qor/cfg.h"
 #include "qor/chassis.h"
 #include "qor/evtlog.h"
-#include "qor/hostmap.h"
 #include "qor/ha.h"
+#include "qor/hostmap.h"
 #include "qor/ifm.h"
 #include "qor/ipc.h"
-#include "qor/l2sock.h"
 #include "qor/mem.h"
 #include "qor/pipe.h"
-#include "qor/swp.h"
-#include "qor/task.h"
 
 namespace relaytest {
 
-constexpr const char* kSwpPipe = "/qor/pipe/dhcpv6relaymgrPipe";
 constexpr const char* kTimerPipe = "/qor/pipe/dhcpv6relayTmrPipe";
 
 inline uint32_t vlanIf(uint32_t vlan) { return ifmCreateIfIndex(IFM_IFTYPE_VLAN, 0, 0, vlan); }
@@ -61,12 +45,24 @@ inline std::vector<uint8_t> cmdMsg(uint32_t command, size_t len, uint32_t type =
 
 inline int dispatch(std::vector<uint8_t>& m) { return dhcpv6RelayProcCliCmd(dhcpv6Msg(m)); }
 
-// The IFM's notice that one interface was deleted.
+// The command that adds (operation 1) or removes a helper address; the offsets
+// are the ones dhcpv6-cli writes.
+inline std::vector<uint8_t> helperCmd(uint32_t op, uint32_t ifIndex, const char* address, uint32_t vrfId = 0,
+                                      const char* vrfName = "") {
+    auto m = cmdMsg(DHCP_RELAYADDR_CONFIG, 652);
+    qor::putU32(m, 80, op);
+    qor::putU32(m, 84, ifIndex);
+    qor::putBytes(m, 92, vrfName, strlen(vrfName));
+    qor::putBytes(m, 290, pkt::addr(address).data(), 16);
+    qor::putU32(m, 648, vrfId);
+    return m;
+}
+
+// The IFM's notice that one interface was deleted: one TLV (type IFM_TYP_DEL_IF, length 8) at 140.
 inline std::vector<uint8_t> ifmDeleteNotice(uint32_t ifIndex) {
     auto m = typeMsg(MT_IFM_NOTIF_MSG, 148);
-    qor::putU32(m, 128, 1);  // one TLV
-    qor::putU16(m, 140, 2);  // IFM_TYP_DEL_IF
-    qor::putU16(m, 142, 8);  // whole TLV
+    qor::putU32(m, 128, 1);
+    qor::putU32(m, 140, 0x00020008);
     qor::putU32(m, 144, ifIndex);
     return m;
 }
@@ -76,32 +72,6 @@ inline std::string textAt(const std::vector<uint8_t>& b, size_t off) {
     const char* p = reinterpret_cast<const char*>(b.data() + off);
     return std::string(p, strnlen(p, b.size() - off));
 }
-
-inline std::string fileText(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-// Drives the hand-made tick while a registration waits between attempts.
-class TickPump {
-public:
-    TickPump() : thread_([this] {
-        while (!stop_) {
-            qorTickAdvance(10);
-            std::this_thread::yield();
-        }
-    }) {}
-    ~TickPump() {
-        stop_ = true;
-        thread_.join();
-    }
-
-private:
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
-};
 
 class RelayFixture : public ::testing::Test {
 protected:
@@ -124,16 +94,12 @@ protected:
 
     void TearDown() override {
         takeDown();
-        std::string leaked;
         for (const auto& b : qorMemLiveBlocks())
-            leaked += b.unit + ":" + std::to_string(b.line) + " (pool " +
-                      std::to_string(b.poolId) + ", " + std::to_string(b.size) + " bytes)\n";
-        EXPECT_EQ(leaked, "") << "blocks left behind";
+            ADD_FAILURE() << "block left behind: " << b.unit << ":" << b.line << " (pool " << b.poolId << ", " << b.size << " bytes)";
         EXPECT_EQ(qorMemDoubleFreeCount(), 0u);
         clearEverything();
         qorTickSetManual(false);
-        const int rc = std::system(("rm -rf '" + runDir + "'").c_str());
-        (void)rc;
+        std::filesystem::remove_all(runDir);
     }
 
     // Queues, pools, tables, the IFM and ACL queues; no registrations or timers.
@@ -147,40 +113,37 @@ protected:
         ASSERT_EQ(dhcpv6CreateAclSwpQueue(), 0);
     }
 
-    // Sends a command that is always answered; returns the answer's status.
-    int32_t status(std::vector<uint8_t> m) {
-        const size_t before = replies().size();
-        dispatch(m);
-        const auto r = replies();
-        EXPECT_EQ(r.size(), before + 1) << "the command is answered once";
-        return r.size() > before ? int32_t(qor::u32At(r.back(), QOR_IPC_OFF_STATUS)) : -99;
-    }
-
-    // Only calls made after this point count in since().
     void markCalls() { mark = qorfake::calls().size(); }
-
+    // The calls to `name` (to anything when empty) since markCalls().
     std::vector<qorfake::Call> since(const std::string& name) const {
         std::vector<qorfake::Call> out;
-        const auto& all = qorfake::calls();
-        for (size_t i = mark; i < all.size(); ++i)
-            if (all[i].name == name) out.push_back(all[i]);
+        for (size_t i = mark; i < qorfake::calls().size(); ++i)
+            if (name.empty() || qorfake::calls()[i].name == name) out.push_back(qorfake::calls()[i]);
         return out;
     }
 
-    std::vector<std::string> callNamesSince() const {
-        std::vector<std::string> out;
-        const auto& all = qorfake::calls();
-        for (size_t i = mark; i < all.size(); ++i) out.push_back(all[i].name);
-        return out;
+    // Sends a command that is always answered; returns the answer's status.
+    int32_t status(std::vector<uint8_t> m) {
+        const size_t before = since("qorIpcReply").size();
+        dispatch(m);
+        const auto r = since("qorIpcReply");
+        EXPECT_EQ(r.size(), before + 1) << "the command is answered once";
+        return r.size() > before ? int32_t(qor::u32At(r.back().bytes, QOR_IPC_OFF_STATUS)) : -99;
     }
 
-    std::vector<std::vector<uint8_t>> replies() const {
-        std::vector<std::vector<uint8_t>> out;
-        for (const auto& c : since("qorIpcReply")) out.push_back(c.bytes);
-        return out;
+    static std::string eventLog() {
+        std::ifstream in(qorEvtLogPath());
+        return std::string(std::istreambuf_iterator<char>(in), {});
     }
 
-    std::string eventLog() const { return fileText(qorEvtLogPath()); }
+    template <typename F>
+    static std::string debugOf(uint32_t flags, F run) {
+        dhcpv6_debug_flag = flags;
+        ::testing::internal::CaptureStdout();
+        run();
+        dhcpv6_debug_flag = 0;
+        return ::testing::internal::GetCapturedStdout();
+    }
 
     // The timer service as the timer task would have set it up.
     static void startTimerService() {
@@ -188,14 +151,6 @@ protected:
         ASSERT_EQ(timerInit(), 0);
         if (tmrTaskSemId == nullptr) tmrTaskSemId = semBCreate(SEM_Q_FIFO, SEM_FULL);
         timerTaskReady = 1;
-    }
-
-    // The timer task's work for `ticks` ticks.
-    static void runWheel(uint64_t ticks) {
-        for (uint64_t i = 0; i < ticks; ++i) {
-            qorTickAdvance(1);
-            timerCheck();
-        }
     }
 
 private:
@@ -214,23 +169,18 @@ private:
         dhcpv6RtmSeqNo = QOR_SWP_SEQ{};
         std::memset(dhcpv6AgtTbl, 0, sizeof dhcpv6AgtTbl);
         std::memset(dhcpv6SwAgtTbl, 0, sizeof dhcpv6SwAgtTbl);
-        pipeDevDelete(kSwpPipe);
+        pipeDevDelete("/qor/pipe/dhcpv6relaymgrPipe");
         pipeDevDelete(kTimerPipe);
     }
 
     // Entries are the owner's: the table frees only its own nodes.
     static void drainTable(QOR_RADIX_HANDLE table, uint32_t keyBits, void (*release)(void*)) {
-        while (table != nullptr) {
-            QOR_RADIX_NODE* n = qorRadixGetNext(table, nullptr, 0);
-            if (n == nullptr) break;
+        for (QOR_RADIX_NODE* n; table != nullptr && (n = qorRadixGetNext(table, nullptr, 0)) != nullptr; release(n))
             qorRadixRemove(table, n->rnKey, keyBits);
-            release(n);
-        }
     }
 
     static void takeDown() {
         auto& g = dhcpv6RelayGlobalVar;
-        const uint32_t savedFlag = dhcpv6_debug_flag;
         dhcpv6_debug_flag = 0;
         g.srcIfSockFd = 0;
         drainTable(g.transTbl, DHCPV6_TRANS_KEY_BITS, dhcpv6TransactionTblRadixFree);
@@ -243,59 +193,19 @@ private:
         }
         for (int q : {g.ifmSwpQueue, g.aclSwpQueue, g.rtmSwpQueue, g.mrtmSwpQueue})
             if (q != 0) qorSwpQueueRemove(q);
-        for (QOR_RADIX_HANDLE* t : {&g.transTbl, &g.leaseIpTbl, &g.snoopTbl}) {
-            if (*t != nullptr) qorRadixDestroy(*t);
-            *t = nullptr;
-        }
+        for (QOR_RADIX_HANDLE* t : {&g.transTbl, &g.leaseIpTbl, &g.snoopTbl})
+            if (*t != nullptr) qorRadixDestroy(std::exchange(*t, nullptr));
         dhcpv6SwRbtInitDeInit(0);
-        for (timerEnt** t : {&dhcpv6RelayTimert.transTimer, &dhcpv6RelayTimert.snoopTimer}) {
-            if (*t != nullptr) timerDelete(*t);
-            *t = nullptr;
-        }
+        for (timerEnt** t : {&dhcpv6RelayTimert.transTimer, &dhcpv6RelayTimert.snoopTimer})
+            if (*t != nullptr) timerDelete(std::exchange(*t, nullptr));
         // Stale expiries free their blocks when they arrive.
-        if (g.timerPipeFd > 0) {
-            uint32_t w = 0;
-            while (read(g.timerPipeFd, &w, sizeof w) == ssize_t(sizeof w))
-                if (w != 0) timerIpcCallback(w);
-        }
+        for (uint32_t w = 0; g.timerPipeFd > 0 && read(g.timerPipeFd, &w, sizeof w) == ssize_t(sizeof w);)
+            if (w != 0) timerIpcCallback(w);
         timerCleanup();
         for (int fd : {g.protoSockFd, g.outSockFd})
             if (fd > 0) qorClose(fd);
-        dhcpv6_debug_flag = savedFlag;
     }
 };
-
-// ---- the packet path ------------------------------------------------------------
-
-// A small switch: VLAN 10 on a plain port, a sub-port, a four-part-name port,
-// a port-channel member, a port-extender port and a port of stack unit 2;
-// a routed client port; a routed port towards the servers; VRFs red and blue.
-inline std::string hostMapText(bool fourTuple) {
-    return std::string("[system]\nmaster-slot = 1\nports-per-module = 4\nfour-tuple = ") +
-           (fourTuple ? "yes" : "no") + R"(
-[vrf red]
-id = 1
-[vrf blue]
-id = 2
-[interface ethernet 1/1]
-untagged = 10
-[interface ethernet 1/2:3]
-untagged = 10
-[interface ethernet 1/7:2]
-tagged = 10
-[interface ethernet 1/4]
-[interface port-channel 3]
-members = ethernet 1/4
-untagged = 10
-[interface pe-ethernet 0/1/5]
-untagged = 10
-[interface ethernet 2/1]
-untagged = 10
-[interface ethernet 1/9]
-[interface ethernet 1/8]
-[interface vlan 10]
-)";
-}
 
 inline uint32_t ifIndexOf(const char* name) {
     uint32_t ifIndex = 0;
@@ -322,18 +232,25 @@ protected:
         setIntf(vlan10, &kVlanAddr);
         setIntf(routedPort, &kRoutedAddr);
         setIntf(serverPort, &kServerSideAddr);
-        const uint8_t chassis[6] = {0x02, 0x00, 0x5e, 0x10, 0x00, 0x01};
-        qorfake::setChassisMac(chassis);
+        qorfake::setChassisMac(std::array<uint8_t, 6>{0x02, 0x00, 0x5e, 0x10, 0x00, 0x01}.data());
     }
     void TearDown() override {
         RelayFixture::TearDown();
         qorHostMapInstall(QorHostMap{});
     }
 
+    // VLAN 10 on plain, sub-, tagged, port-channel, port-extender and stack-unit-2 ports; a routed
+    // client port (1/9), a routed port towards the servers (1/8); VRFs red (1) and blue (2).
     static void installMap(bool fourTuple) {
+        const std::string text =
+            std::string("[system]\nmaster-slot = 1\nports-per-module = 4\nfour-tuple = ") + (fourTuple ? "yes" : "no") +
+            "\n[vrf red]\nid = 1\n[vrf blue]\nid = 2\n[interface ethernet 1/1]\nuntagged = 10\n"
+            "[interface ethernet 1/2:3]\nuntagged = 10\n[interface ethernet 1/7:2]\ntagged = 10\n[interface ethernet 1/4]\n"
+            "[interface port-channel 3]\nmembers = ethernet 1/4\nuntagged = 10\n[interface pe-ethernet 0/1/5]\nuntagged = 10\n"
+            "[interface ethernet 2/1]\nuntagged = 10\n[interface ethernet 1/9]\n[interface ethernet 1/8]\n[interface vlan 10]\n";
         QorHostMap map;
         std::string err;
-        ASSERT_EQ(qorHostMapParse(hostMapText(fourTuple), map, err), 0) << err;
+        ASSERT_EQ(qorHostMapParse(text, map, err), 0) << err;
         qorHostMapInstall(map);
     }
     // An interface with the router's MAC and, unless null, a global address.
@@ -345,15 +262,8 @@ protected:
         std::memcpy(info.mac, kRouterMac.data(), 6);
         qorfake::setIntfInfo(ifIndex, info);
     }
-    static void addHelper(uint32_t ifIndex, const char* address, uint32_t vrfId = 0,
-                          const char* vrfName = "") {
-        auto m = cmdMsg(DHCP_RELAYADDR_CONFIG, DHCPV6_RLY_MSG_LEN);
-        qor::putU32(m, DHCPV6_RLY_OFF_OPERATION, 1);
-        qor::putU32(m, DHCPV6_RLY_OFF_IFINDEX, ifIndex);
-        qor::putBytes(m, DHCPV6_RLY_OFF_VRF_NAME, vrfName, strlen(vrfName));
-        const pkt::Addr a = pkt::addr(address);
-        qor::putBytes(m, DHCPV6_RLY_OFF_ADDR, a.data(), 16);
-        qor::putU32(m, DHCPV6_RLY_OFF_VRF_ID, vrfId);
+    static void addHelper(uint32_t ifIndex, const char* address, uint32_t vrfId = 0, const char* vrfName = "") {
+        auto m = helperCmd(1, ifIndex, address, vrfId, vrfName);
         dispatch(m);
     }
     // Hands a frame to the relay as the protocol socket delivers it.
@@ -361,26 +271,13 @@ protected:
         return dhcpv6RelayStart(frame.data(), uint32_t(frame.size()), logical, recv, phys);
     }
     // What went to servers (UDP, an IPv6 socket address) and out of ports.
-    static std::vector<qorfake::Sent> forwards() {
+    static std::vector<qorfake::Sent> forwards() { return sentWhere([](auto& s) { return s.dst.size() == sizeof(sockaddr_in6); }); }
+    static std::vector<qorfake::Sent> portSends() { return sentWhere([](auto& s) { return s.fd == dhcpv6RelayGlobalVar.outSockFd; }); }
+    template <typename P>
+    static std::vector<qorfake::Sent> sentWhere(P pred) {
         std::vector<qorfake::Sent> out;
         for (auto& s : qorfake::sent())
-            if (s.dst.size() == sizeof(sockaddr_in6)) out.push_back(s);
-        return out;
-    }
-    static std::vector<qorfake::Sent> portSends() {
-        std::vector<qorfake::Sent> out;
-        for (auto& s : qorfake::sent())
-            if (s.fd == dhcpv6RelayGlobalVar.outSockFd) out.push_back(s);
-        return out;
-    }
-    // The debug lines printed under `flags` while `run` runs.
-    template <typename F>
-    static std::string debugOf(uint32_t flags, F run) {
-        dhcpv6_debug_flag = flags;
-        ::testing::internal::CaptureStdout();
-        run();
-        std::string out = ::testing::internal::GetCapturedStdout();
-        dhcpv6_debug_flag = 0;
+            if (pred(s)) out.push_back(s);
         return out;
     }
 };
