@@ -35,6 +35,14 @@ TEST(CliRequests, CarryEachFieldWhereTheRelayReadsIt) {
         msg = cliEncodeLogLevel(2, p);
         EXPECT_EQ(std::vector({qor::u32At(msg, 8), qor::u32At(msg, 72), qor::u32At(msg, 80), qor::u32At(msg, 84)}), words) << line;
     }
+    // Port configuration goes to the IFM: the port at 80, 84 mode (0) or port-channel (1), 88 the value.
+    for (const auto& [line, words] : {std::pair<std::string, std::vector<uint32_t>>{"no switchport", {13803, 0x06010050, 0, 0}},
+                                      {"switchport", {13803, 0x06010050, 0, 1}}, {"channel-group 65535", {13803, 0x06010050, 1, 65535}},
+                                      {"no channel-group 7", {13803, 0x06010050, 1, 0}}, {"no channel-group", {13803, 0x06010050, 1, 0}}}) {
+        ASSERT_EQ(parse(line, true, p = {}), "") << line;
+        msg = cliEncodePortCfg(2, p, 0x06010050);
+        EXPECT_EQ(std::vector({qor::u32At(msg, 12), qor::u32At(msg, 80), qor::u32At(msg, 84), qor::u32At(msg, 88)}), words) << line;
+    }
 }
 
 // (line, inside an interface, the reason; a trailing '*' matches any rest)
@@ -49,7 +57,12 @@ TEST(CliRefused, SaysWhy) {
         {"ipv6 helper-address 2001:db8::1", false,
          "% Error: ipv6 helper-address is an interface command (enter \"interface NAME\" first)"},
         {"ipv6 dhcp relay source-interface", false, "% Error: an interface name is missing"},
-        {"no debug ipv6 dhcp level 7", false, "% Unknown command: no debug ipv6 dhcp level 7"}};
+        {"no debug ipv6 dhcp level 7", false, "% Unknown command: no debug ipv6 dhcp level 7"},
+        {"switchport", false, "% Error: switchport is an interface command (enter \"interface NAME\" first)"},
+        {"switchport trunk", true, "% Unknown command: switchport trunk"},
+        {"channel-group", true, "% Unknown command: channel-group"},
+        {"channel-group 0", true, "% Error: invalid port-channel number 0 (1-65535)"},
+        {"channel-group 65536", true, "% Error: invalid port-channel number 65536 (1-65535)"}};
     for (const auto& [line, inInterface, reason] : cases) {
         CliParsed p;
         const std::string got = parse(line, inInterface, p);
