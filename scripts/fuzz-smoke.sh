@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # fuzz-smoke.sh BUILD_DIR -- runs each libFuzzer target for a few seconds,
 # starting from its corpus in the tree; any crash fails the run. The targets
-# share FUZZ_TOTAL_SECONDS (default 60), at least 5 s each; FUZZ_SECONDS
+# share FUZZ_TOTAL_SECONDS (default 180), at least 5 s each; FUZZ_SECONDS
 # gives each target that many seconds instead.
 set -euo pipefail
 build=$1
@@ -11,7 +11,7 @@ if [ ${#targets[@]} -eq 0 ]; then
   echo "fuzz-smoke: no fuzz targets yet"
   exit 0
 fi
-secs=${FUZZ_SECONDS:-$(( ${FUZZ_TOTAL_SECONDS:-60} / ${#targets[@]} ))}
+secs=${FUZZ_SECONDS:-$(( ${FUZZ_TOTAL_SECONDS:-180} / ${#targets[@]} ))}
 if [ "$secs" -lt 5 ]; then secs=5; fi
 for t in "${targets[@]}"; do
   surface=${t##*/fuzz_}
