@@ -62,3 +62,18 @@ prefix=$(nl_pd_prefix client7)
 in_red() { ip -n "${NL_PREFIX}relay" -6 route show table 101 exact "$prefix" | grep -qF -- "$prefix via $ll7 dev r-e17 "; }
 check "its route is in VRF red's table 101" nl_wait 10 in_red
 check "and not in the main table" test -z "$(ip -n "${NL_PREFIX}relay" -6 route show exact "$prefix")"
+
+# A restarted relay finds the policy rules its last run left and adds none:
+# one rule per VRF table, however often it starts.
+cli "write memory"
+fwd0="RELAY-FORWARD hop=0 link=2001:db8:10::1 peer=$ll "
+n0=$(count red "$fwd0")
+pid=$(cat "$NL_RUNDIR/dhcpv6relaymgr.pid") && kill -9 "$pid" && rm -f "$NL_RUNDIR/dhcpv6relaymgr.pid"
+gone() { ! kill -0 "$pid" 2>/dev/null; }
+check "the killed relay is gone" nl_wait 10 gone
+nl_relay relay "$NL_WORK/hostmap.ini"
+nl_exec client python3 "$SRC_DIR/tests/e2e/l2client.py" c0
+relayed_again() { [ "$(count red "$fwd0")" -gt "$n0" ] && [ "$(count blue "$fwd0")" -gt "$n0" ]; }
+check "the restarted relay relays into both VRFs again" nl_wait 15 relayed_again
+rules() { ip -n "${NL_PREFIX}relay" -6 rule show | grep -c "fwmark $1 lookup $2"; }
+check "one policy rule for each VRF table" test "$(rules 0x65 101)" -eq 1 -a "$(rules 0x66 102)" -eq 1
