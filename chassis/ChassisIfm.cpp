@@ -31,11 +31,6 @@ constexpr uint32_t kLookupVrf = 1;
 constexpr size_t kPortNoticesKept = 1024;
 constexpr uint32_t kLagNumberMax = 65535;
 
-bool isSwitchPortType(uint32_t ifIndex) {
-    const uint32_t type = ifmIfIndexToIfType(ifIndex);
-    return type == IFM_IFTYPE_ETHERNET || type == IFM_IFTYPE_PE_ETHERNET || type == IFM_IFTYPE_LAG;
-}
-
 // Interface notification (MT_IFM_NOTIF_MSG): TLV count at 128, TLVs from 140;
 // a TLV is type, length of the whole TLV, then 32-bit words.
 constexpr size_t kNotifOffCount = 128;
@@ -187,9 +182,8 @@ void ChassisIfm::ifmPortConfig(ChassisMsg& msg) {
     if (!useHostMap_) {
         status = QOR_IFM_PORT_CFG_ERR_PORT;
     } else if (what == QOR_IFM_PORT_CFG_MODE && value <= 1) {
-        status = isSwitchPortType(port) && qorHostMapSetSwitchPort(port, value == 1) == 0
-                     ? 0
-                     : QOR_IFM_PORT_CFG_ERR_PORT;
+        // The host map refuses what cannot be a switch port.
+        status = qorHostMapSetSwitchPort(port, value == 1) == 0 ? 0 : QOR_IFM_PORT_CFG_ERR_PORT;
     } else if (what == QOR_IFM_PORT_CFG_LAG) {
         status = ifmSetPortLag(port, value);
     }
@@ -286,9 +280,8 @@ void ChassisIfm::watchUpdate(bool announce) {
     }
     lagMembers_ = std::move(lags);
     // Switch ports: the first look tells the clients which ports are; later
-    // ones each change either way.
+    // ones each change either way. Only ports and port-channels ever are one.
     for (const auto& [ifIndex, itf] : map->interfaces) {
-        if (!isSwitchPortType(ifIndex)) continue;
         const auto [it, added] = switchPorts_.try_emplace(ifIndex, itf.switchPort);
         const bool before = std::exchange(it->second, itf.switchPort);
         if (added ? itf.switchPort : before != itf.switchPort)
